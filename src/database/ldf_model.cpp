@@ -1,6 +1,8 @@
 // Reader and validator for LIN description files.
 #include "database/ldf_model.h"
 
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cstdarg>
 #include <cerrno>
@@ -723,6 +725,13 @@ int parse_ldf(const char* path, LdfModel& model, std::string& error) {
   FILE* file = path && *path ? fopen(path, "rb") : nullptr;
   if (!file) {
     error = "cannot open LDF file";
+    return -1;
+  }
+  // A directory opens and seeks on Linux; reading it is what fails.
+  struct stat info;
+  if (fstat(fileno(file), &info) == 0 && S_ISDIR(info.st_mode)) {
+    fclose(file);
+    error = "cannot read LDF file";
     return -1;
   }
   long size = -1;
