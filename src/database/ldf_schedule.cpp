@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "database/ldf_model.h"
+#include "json/json.h"
 
 namespace {
 
@@ -21,8 +22,20 @@ bool reply_failed(int rc, const std::string& reply) {
          reply.find("\"status\":\"error\"") != std::string::npos;
 }
 
-// The daemon's reason without the "ERROR:" prefix and the line end.
+// The daemon's reason: the message of a JSON error, or the text without the
+// "ERROR:" prefix and the line end.
 std::string reply_reason(const std::string& reply) {
+  if (!reply.empty() && reply[0] == '{') {
+    vxcli_json_token tokens[64];
+    if (vxcli_json_parse(reply.c_str(), tokens, 64) > 0) {
+      int message = vxcli_json_object_get(reply.c_str(), tokens, 0, "message");
+      std::string out(reply.size() + 1, '\0');
+      if (message > 0 &&
+          vxcli_json_string(reply.c_str(), &tokens[message], &out[0], out.size()) == 0 &&
+          out[0] != 0)
+        return out.c_str();
+    }
+  }
   std::string text = reply;
   if (text.rfind("ERROR:", 0) == 0) {
     size_t start = 6;
