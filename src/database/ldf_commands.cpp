@@ -259,7 +259,7 @@ int send_to_daemon(const std::string& request, std::string& reply) {
   char buffer[kDaemonReplySize];
   int rc = vxcli_daemon_send_command(request.c_str(), request.size(), buffer, sizeof buffer);
   if (rc == -1) {
-    reply = std::string("daemon is not running (") + vxcli_daemon_last_ipc_error() + ")";
+    reply = "daemon is not running";
     return rc;
   }
   if (rc != 0) {
