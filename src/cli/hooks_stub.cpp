@@ -14,8 +14,4 @@ int vxcli_device_library_init(char* message, size_t size) {
   return -1;
 }
 void vxcli_device_library_shutdown() {}
-int vxcli_convert_command(int, char**) {
-  vxcli_print_error("convert is not available in this build");
-  return 1;
-}
 int vxcli_uds_dtc_check_options(int, char**) { return 0; }
