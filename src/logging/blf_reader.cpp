@@ -504,10 +504,10 @@ int vxcli_blf_frame_to_log(uint32_t type, const uint8_t ext[16], const uint8_t f
     return 1;
   }
   if (type == kTypeCanErrorExt) {
+    // An error frame has no identifier format of its own; some writers set
+    // the extended bit on every identifier, so it is not reported here.
     out->error = 1;
-    uint32_t id = rd32(f + 16);
-    out->id = id & 0x7FFFFFFF;
-    out->extended = (id >> 31) & 1;
+    out->id = rd32(f + 16) & 0x7FFFFFFF;
     out->dlc = f[10];
     out->length = f[10] > 8 ? 8 : f[10];
     memcpy(out->data, f + 24, out->length);
