@@ -9,8 +9,4 @@ int vxcli_daemon_process_main(int, char**) {
   fprintf(stderr, "Daemon: not available in this build\n");
   return 1;
 }
-int vxcli_convert_command(int, char**) {
-  vxcli_print_error("convert is not available in this build");
-  return 1;
-}
 int vxcli_uds_dtc_check_options(int, char**) { return 0; }
