@@ -18,4 +18,3 @@ int vxcli_convert_command(int, char**) {
   vxcli_print_error("convert is not available in this build");
   return 1;
 }
-int vxcli_uds_dtc_check_options(int, char**) { return 0; }
