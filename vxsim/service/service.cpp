@@ -273,6 +273,7 @@ void Service::handle_client(Client* c) {
   int out_nfds = 0;
   MsgHeader answer{};
   answer.code = dispatch(c, h, in, out, out_fds, out_nfds);
+  answer.channel = h.channel;
   std::memcpy(answer.arg, h.arg, sizeof answer.arg);
   answer.size = static_cast<uint32_t>(std::min(out.size(), kMaxPayload));
   int rc = send_message(c->fd, answer, out.data(), out_fds, out_nfds);

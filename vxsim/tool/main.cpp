@@ -113,7 +113,19 @@ int device_command(Op op, int argc, char** argv, bool with_port) {
   return rc;
 }
 
-bool process_alive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+// A process that has exited but was not reaped yet (a zombie) counts as gone.
+bool process_alive(pid_t pid) {
+  if (pid <= 0) return false;
+  std::string stat = "/proc/" + std::to_string(pid) + "/stat";
+  FILE* f = std::fopen(stat.c_str(), "r");
+  if (!f) return false;
+  char buf[512];
+  size_t n = std::fread(buf, 1, sizeof buf - 1, f);
+  std::fclose(f);
+  buf[n] = 0;
+  const char* close_paren = std::strrchr(buf, ')');
+  return close_paren && close_paren[1] == ' ' && close_paren[2] != 'Z' && close_paren[2] != 'X';
+}
 
 int shutdown_command() {
   std::string dir = sim_dir();
