@@ -1,6 +1,8 @@
 // Link callbacks over the device library (direct) or a broker cursor (daemon).
 #include "diag/isotp_link.h"
 
+#include "message/frame.h"
+
 #include <ctime>
 #include <cstring>
 
@@ -17,10 +19,7 @@ uint64_t monotonic_us() {
   return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
 }
 
-uint8_t dlc_to_length(uint8_t code) {
-  static const uint8_t kLengths[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64};
-  return kLengths[code & 0x0F];
-}
+uint8_t dlc_to_length(uint8_t code) { return static_cast<uint8_t>(vxcli_dlc_to_bytes(code & 0x0F)); }
 
 uint8_t length_to_dlc(uint8_t length) {
   if (length <= 8) return length;
