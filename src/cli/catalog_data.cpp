@@ -1508,7 +1508,7 @@ const Row kRows[] = {
      OP},
 
     {"xcp", "measurement", nullptr,
-     "vxcli xcp measurement read <name> [options]",
+     "vxcli xcp measurement <read> <name> [options]",
      "Read A2L measurements from the ECU.",
      "read",
      {},
@@ -1756,7 +1756,7 @@ const Row kRows[] = {
      OP},
 
     {"modbus", "fifo", nullptr,
-     "vxcli modbus fifo read --device=<tty|host> --address=<register> [options]",
+     "vxcli modbus fifo <read> --device=<tty|host> --address=<register> [options]",
      "Read Modbus FIFO queues.",
      "read",
      {},
