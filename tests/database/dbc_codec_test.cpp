@@ -255,6 +255,10 @@ TEST(DbcCodec, RealFilesAgreeWithBitByBitDecoder) {
         for (uint8_t& b : data) b = uint8_t(random());
         size_t n = vxcli_dbc_decode_message(m, data.data(), data.size(), values.data(),
                                             values.size());
+        std::vector<char> text(65536);
+        ASSERT_EQ(vxcli_dbc_message_decode_json(m, data.data(), data.size(), text.data(),
+                                                text.size()), 0);
+        std::string json = text.data();
         size_t k = 0;
         const Signal* mux = nullptr;
         for (const Signal& s : m.signals)
@@ -272,6 +276,11 @@ TEST(DbcCodec, RealFilesAgreeWithBitByBitDecoder) {
           EXPECT_EQ(values[k].signal, &s);
           EXPECT_EQ(values[k].raw, raw) << m.name << "." << s.name;
           EXPECT_DOUBLE_EQ(values[k].physical, expected) << m.name << "." << s.name;
+          // The JSON object prints each value as printf's %.10g would.
+          char member[256];
+          snprintf(member, sizeof member, "\"%s\":{\"raw\":%llu,\"physical\":%.10g,",
+                   s.name.c_str(), static_cast<unsigned long long>(raw), values[k].physical);
+          EXPECT_NE(json.find(member), std::string::npos) << member;
           k++;
           checked++;
         }
