@@ -12,6 +12,7 @@
 #include "cli/output.h"
 #include "daemon/client.h"
 #include "database/commands.h"
+#include "database/ldf.h"
 
 namespace {
 
@@ -33,7 +34,23 @@ int not_available(const char* w1, const char* w2 = nullptr, const char* w3 = nul
 int rest_count(int count, int used) { return count > used ? count - used : 0; }
 
 // The ldf inspection and schedule commands.
-int ldf_command(const char* action, const char* sub, int, char**) { return not_available("ldf", action, sub); }
+int ldf_command(const char* action, const char* sub, int count, char** words) {
+  if (is(action, "info")) return vxcli_ldf_info_command(count, words);
+  bool list = is(sub, "list"), show = is(sub, "show");
+  if (is(action, "node") && (list || show))
+    return list ? vxcli_ldf_node_list_command(count, words) : vxcli_ldf_node_show_command(count, words);
+  if (is(action, "frame") && (list || show))
+    return list ? vxcli_ldf_frame_list_command(count, words) : vxcli_ldf_frame_show_command(count, words);
+  if (is(action, "signal") && (list || show))
+    return list ? vxcli_ldf_signal_list_command(count, words) : vxcli_ldf_signal_show_command(count, words);
+  if (is(action, "schedule")) {
+    if (list) return vxcli_ldf_schedule_list_command(count, words);
+    if (show) return vxcli_ldf_schedule_show_command(count, words);
+    if (is(sub, "activate")) return vxcli_ldf_schedule_activate_command(count, words);
+    if (is(sub, "deactivate")) return vxcli_ldf_schedule_deactivate_command(count, words);
+  }
+  return not_available("ldf", action, sub);
+}
 
 // Offers the line to the daemon. Returns -1 when no daemon served it.
 int forward_to_daemon(int forward_count, char** forward_words) {
