@@ -35,20 +35,26 @@ int rest_count(int count, int used) { return count > used ? count - used : 0; }
 
 // The ldf inspection and schedule commands.
 int ldf_command(const char* action, const char* sub, int count, char** words) {
-  if (is(action, "info")) return vxcli_ldf_info_command(count, words);
-  bool list = is(sub, "list"), show = is(sub, "show");
-  if (is(action, "node") && (list || show))
-    return list ? vxcli_ldf_node_list_command(count, words) : vxcli_ldf_node_show_command(count, words);
-  if (is(action, "frame") && (list || show))
-    return list ? vxcli_ldf_frame_list_command(count, words) : vxcli_ldf_frame_show_command(count, words);
-  if (is(action, "signal") && (list || show))
-    return list ? vxcli_ldf_signal_list_command(count, words) : vxcli_ldf_signal_show_command(count, words);
-  if (is(action, "schedule")) {
-    if (list) return vxcli_ldf_schedule_list_command(count, words);
-    if (show) return vxcli_ldf_schedule_show_command(count, words);
-    if (is(sub, "activate")) return vxcli_ldf_schedule_activate_command(count, words);
-    if (is(sub, "deactivate")) return vxcli_ldf_schedule_deactivate_command(count, words);
-  }
+  struct Route {
+    const char* action;
+    const char* sub;
+    vxcli_handler handler;
+  };
+  static const Route routes[] = {
+      {"info", nullptr, vxcli_ldf_info_command},
+      {"node", "list", vxcli_ldf_node_list_command},
+      {"node", "show", vxcli_ldf_node_show_command},
+      {"frame", "list", vxcli_ldf_frame_list_command},
+      {"frame", "show", vxcli_ldf_frame_show_command},
+      {"signal", "list", vxcli_ldf_signal_list_command},
+      {"signal", "show", vxcli_ldf_signal_show_command},
+      {"schedule", "list", vxcli_ldf_schedule_list_command},
+      {"schedule", "show", vxcli_ldf_schedule_show_command},
+      {"schedule", "activate", vxcli_ldf_schedule_activate_command},
+      {"schedule", "deactivate", vxcli_ldf_schedule_deactivate_command},
+  };
+  for (const Route& r : routes)
+    if (is(action, r.action) && ((!sub && !r.sub) || is(sub, r.sub))) return r.handler(count, words);
   return not_available("ldf", action, sub);
 }
 
