@@ -12,6 +12,7 @@
 #include "cli/output.h"
 #include "daemon/client.h"
 #include "database/commands.h"
+#include "database/ldf.h"
 
 namespace {
 
@@ -33,7 +34,29 @@ int not_available(const char* w1, const char* w2 = nullptr, const char* w3 = nul
 int rest_count(int count, int used) { return count > used ? count - used : 0; }
 
 // The ldf inspection and schedule commands.
-int ldf_command(const char* action, const char* sub, int, char**) { return not_available("ldf", action, sub); }
+int ldf_command(const char* action, const char* sub, int count, char** words) {
+  struct Route {
+    const char* action;
+    const char* sub;
+    vxcli_handler handler;
+  };
+  static const Route routes[] = {
+      {"info", nullptr, vxcli_ldf_info_command},
+      {"node", "list", vxcli_ldf_node_list_command},
+      {"node", "show", vxcli_ldf_node_show_command},
+      {"frame", "list", vxcli_ldf_frame_list_command},
+      {"frame", "show", vxcli_ldf_frame_show_command},
+      {"signal", "list", vxcli_ldf_signal_list_command},
+      {"signal", "show", vxcli_ldf_signal_show_command},
+      {"schedule", "list", vxcli_ldf_schedule_list_command},
+      {"schedule", "show", vxcli_ldf_schedule_show_command},
+      {"schedule", "activate", vxcli_ldf_schedule_activate_command},
+      {"schedule", "deactivate", vxcli_ldf_schedule_deactivate_command},
+  };
+  for (const Route& r : routes)
+    if (is(action, r.action) && ((!sub && !r.sub) || is(sub, r.sub))) return r.handler(count, words);
+  return not_available("ldf", action, sub);
+}
 
 // Offers the line to the daemon. Returns -1 when no daemon served it.
 int forward_to_daemon(int forward_count, char** forward_words) {
