@@ -323,7 +323,7 @@ void* worker_main(void* arg) {
     }
     if (stopping || device == nullptr || notification == 0) break;
 
-    ops.wait(notification, kWorkerSliceMs);
+    const VXStatus waited = ops.wait(notification, kWorkerSliceMs);
 
     bool exclusive = false;
     {
@@ -334,19 +334,26 @@ void* worker_main(void* arg) {
     if (stopping) break;
 
     VXStatus status = VX_OK;
+    uint64_t drained = 0;
     while (!exclusive) {
       status = ops.read(device, &message);
-      if (status != 0) break;
+      if (status != VX_OK) break;
       ChannelGuard guard(channel);
       publish_locked(channel, ch, message);
+      ++drained;
       if (ch.stop) return nullptr;
       exclusive = ch.exclusive_requested;
     }
+    if (exclusive) continue;
     // An empty queue is how every drain ends; anything else is a read error.
-    if (!exclusive && (status & ~VX_ERR_QUEUE_EMPTY) != 0) {
-      ChannelGuard guard(channel);
-      ch.read_errors += 1;
-    }
+    const bool read_failed = (status & ~VX_ERR_QUEUE_EMPTY) != 0;
+    const bool wait_failed = (waited & ~VX_ERR_QUEUE_EMPTY) != 0;
+    ChannelGuard guard(channel);
+    if (read_failed) ch.read_errors += 1;
+    // A device that fails at once (unplugged, descriptor gone) would turn
+    // this loop into a busy spin; rest for a slice unless asked to stop.
+    if ((read_failed || wait_failed) && drained == 0 && !ch.stop && !ch.exclusive_requested)
+      wait_until(channel, monotonic_ms() + kWorkerSliceMs);
   }
   return nullptr;
 }

@@ -31,6 +31,7 @@ struct Scripted {
   std::atomic<int> reads_during_exclusive{0};
   std::atomic<int> foreign_handles{0};
   std::atomic<bool> endless{false};  // every read returns a frame, like a saturated bus
+  std::atomic<bool> broken{false};   // every call fails at once, like an unplugged device
 
   void push(const Message& m, uint32_t status = 0) {
     std::lock_guard<std::mutex> lock(mutex);
@@ -47,6 +48,7 @@ Scripted* g_device = nullptr;
 
 VXStatus scripted_wait(VXNotifyHandle notification, uint32_t timeout_ms) {
   if (notification != kNotify) g_device->foreign_handles++;
+  if (g_device->broken) return VX_ERR_INVALID_PARAM_VALUE;
   std::unique_lock<std::mutex> lock(g_device->mutex);
   g_device->cv.wait_for(lock, std::chrono::milliseconds(timeout_ms),
                         [] { return !g_device->queue.empty(); });
@@ -59,6 +61,7 @@ VXStatus scripted_read(VXHandle device, VXMessage* message) {
   if (vxcli_rx_broker_stats(kChannel, &s) == 0 && s.exclusive_active)
     g_device->reads_during_exclusive++;
   const int n = ++g_device->reads;
+  if (g_device->broken) return VX_ERR_INVALID_HARDWARE;
   if (g_device->endless) {
     *message = patterned(static_cast<uint64_t>(n));
     return VX_OK;
@@ -195,6 +198,17 @@ TEST_F(BrokerWorker, ExclusiveSessionInterruptsADrainThatNeverEnds) {
   EXPECT_EQ(0u, stats(kChannel).read_errors);
   ASSERT_EQ(0, vxcli_rx_broker_exclusive_end(kChannel));
   ASSERT_TRUE(eventually([&] { return device.reads.load() > reads; }));
+}
+
+TEST_F(BrokerWorker, FailingDeviceDoesNotSpinAndStillStops) {
+  device.broken = true;
+  ASSERT_TRUE(eventually([&] { return stats(kChannel).read_errors >= 2; }));
+  const int reads = device.reads.load();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_LT(device.reads.load() - reads, 100);  // a spinning worker makes ~10^5
+  ASSERT_EQ(0, vxcli_rx_broker_exclusive_begin(kChannel, 20000));
+  ASSERT_EQ(0, vxcli_rx_broker_exclusive_end(kChannel));
+  ASSERT_EQ(0, vxcli_rx_broker_detach(kChannel));
 }
 
 TEST_F(BrokerWorker, DetachStopsAPausedWorkerAndWakesReaders) {
