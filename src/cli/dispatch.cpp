@@ -98,7 +98,10 @@ int local_first(int count, char** words, bool* handled) {
       vxcli_print_error("daemon requires an action");
       return 1;
     }
-    if (one_of(w2, {"start", "stop", "restart", "status"})) return not_available("daemon", w2);
+    if (is(w2, "start")) return vxcli_daemon_start(n2, after2);
+    if (is(w2, "stop")) return vxcli_daemon_stop();
+    if (is(w2, "restart")) return vxcli_daemon_restart();
+    if (is(w2, "status")) return vxcli_daemon_status();
     vxcli_print_error("unknown daemon action '%s'", w2);
     return 1;
   }
