@@ -1,14 +1,20 @@
 // Receive broker throughput: one publisher feeding 1, 4 or 16 readers on one
 // channel, unpaced (how fast can it go) and paced at 100,000 frames/s (does
-// anybody lose a frame at a realistic bus load).
+// anybody lose a frame at a realistic bus load); and the worker draining a
+// channel of the virtual analyzer, against reading that channel directly.
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "channel/channel.h"
+#include "cli/hooks.h"
 #include "daemon/rx_broker.h"
 
 namespace {
@@ -148,6 +154,132 @@ void BM_Paced100k(benchmark::State& state) {
   vxcli_rx_broker_shutdown();
 }
 BENCHMARK(BM_Paced100k)->Arg(1)->Arg(4)->Arg(16)->UseRealTime()->MeasureProcessCPUTime()->Iterations(2)
+    ->Unit(benchmark::kMillisecond);
+
+// A private virtual analyzer with 10356/0 sending to 10357/0 over bus 0.
+class Analyzer {
+ public:
+  Analyzer() {
+    char dir[] = "/tmp/vxcli-broker-bench-XXXXXX";
+    if (mkdtemp(dir) == nullptr) return;
+    dir_ = dir;
+    setenv("VXSIM_DIR", dir_.c_str(), 1);
+    char message[512] = "";
+    if (vxcli_device_library_init(message, sizeof message) != 0) {
+      error_ = message;
+      return;
+    }
+    rx = vxcli_open_can_channel_ex("10357/0", nullptr, VX_CAN_MODE_NORMAL, 0, nullptr);
+    tx = vxcli_open_can_channel_ex("10356/0", nullptr, VX_CAN_MODE_NORMAL, 0, nullptr);
+    if (rx == nullptr || tx == nullptr || VX_GetNotification(rx, &notify) != VX_OK)
+      error_ = "cannot open 10356/0 and 10357/0";
+  }
+  ~Analyzer() {
+    if (rx) VX_Close(rx);
+    if (tx) VX_Close(tx);
+    vxcli_device_library_shutdown();
+    if (dir_.empty()) return;
+    // Best effort: the service also ends by itself once idle.
+    const std::string stop = std::string(VX_BIN_DIR) + "/vxsim shutdown >/dev/null 2>&1; rm -rf '" +
+                             dir_ + "'";
+    const int rc = std::system(stop.c_str());
+    (void)rc;
+    unsetenv("VXSIM_DIR");
+  }
+  const std::string& error() const { return error_; }
+
+  // Sends `count` frames from another thread, as another node on the bus would.
+  std::thread send_async(uint64_t count) {
+    sending = true;
+    return std::thread([this, count] {
+      VXMessage m{};
+      m.id = 0x123;
+      m.control = 8;
+      for (uint64_t n = 0; n < count; ++n) {
+        std::memcpy(m.data, &n, sizeof n);
+        VX_WriteCanMessage(tx, &m);
+      }
+      sending = false;
+    });
+  }
+  // Frames the device dropped because the receiving queue was full.
+  uint32_t dropped() const { return vxcli_get_device_stat(rx, VX_STAT_GROUP_CHANNEL, VX_STAT_RX_DROPPED); }
+
+  std::atomic<bool> sending{false};
+
+  VXHandle rx = nullptr;
+  VXHandle tx = nullptr;
+  VXNotifyHandle notify = 0;
+
+ private:
+  std::string dir_;
+  std::string error_;
+};
+
+constexpr uint64_t kAnalyzerFrames = 20000;
+
+// The baseline: one reader on the library's own queue, no broker.
+void BM_AnalyzerDirect(benchmark::State& state) {
+  Analyzer analyzer;
+  if (!analyzer.error().empty()) {
+    state.SkipWithError(analyzer.error().c_str());
+    return;
+  }
+  uint64_t received = 0;
+  for (auto _ : state) {
+    std::thread sender = analyzer.send_async(kAnalyzerFrames);
+    uint64_t got = 0;
+    VXMessage m{};
+    while (got < kAnalyzerFrames) {
+      const VXStatus status = VX_Read(analyzer.rx, &m, 100, nullptr);
+      if (status == VX_OK) ++got;
+      else if (status == VX_ERR_QUEUE_EMPTY && !analyzer.sending) break;  // some were dropped
+      else if (status != VX_ERR_QUEUE_EMPTY && status != VX_ERR_QUEUE_OVERRUN) break;
+    }
+    sender.join();
+    received += got;
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(received));
+  state.counters["device_dropped"] = analyzer.dropped();
+}
+BENCHMARK(BM_AnalyzerDirect)->UseRealTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+
+// The broker's worker drains the same traffic for 1 or 4 readers.
+void BM_AnalyzerThroughBroker(benchmark::State& state) {
+  const int readers = static_cast<int>(state.range(0));
+  Analyzer analyzer;
+  if (!analyzer.error().empty()) {
+    state.SkipWithError(analyzer.error().c_str());
+    return;
+  }
+  vxcli_rx_broker_init();
+  vxcli_rx_broker_attach(kChannel, analyzer.rx, analyzer.notify, 8192);
+  ReaderPool pool(readers);
+  uint64_t sent = 0;
+  for (auto _ : state) {
+    vxcli_rx_channel_stats before{};
+    vxcli_rx_broker_stats(kChannel, &before);
+    std::thread sender = analyzer.send_async(kAnalyzerFrames);
+    sender.join();
+    sent += kAnalyzerFrames;
+    // Until the worker has published everything that reached the device.
+    for (uint64_t last = 0, still = 0; still < 500;) {
+      vxcli_rx_channel_stats now{};
+      vxcli_rx_broker_stats(kChannel, &now);
+      if (now.published - before.published >= kAnalyzerFrames - analyzer.dropped()) break;
+      still = now.published == last ? still + 1 : 0;
+      last = now.published;
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    pool.wait_caught_up();
+  }
+  pool.stop();
+  state.SetItemsProcessed(static_cast<int64_t>(sent));
+  state.counters["lost"] = static_cast<double>(pool.lost());
+  state.counters["device_dropped"] = analyzer.dropped();
+  vxcli_rx_broker_shutdown();
+}
+BENCHMARK(BM_AnalyzerThroughBroker)->Arg(1)->Arg(4)->UseRealTime()->Iterations(3)
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
