@@ -11,6 +11,8 @@
 #include "cli/hooks.h"
 #include "cli/output.h"
 #include "daemon/client.h"
+#include "database/commands.h"
+#include "database/ldf.h"
 
 namespace {
 
@@ -30,6 +32,31 @@ int not_available(const char* w1, const char* w2 = nullptr, const char* w3 = nul
 }
 
 int rest_count(int count, int used) { return count > used ? count - used : 0; }
+
+// The ldf inspection and schedule commands.
+int ldf_command(const char* action, const char* sub, int count, char** words) {
+  struct Route {
+    const char* action;
+    const char* sub;
+    vxcli_handler handler;
+  };
+  static const Route routes[] = {
+      {"info", nullptr, vxcli_ldf_info_command},
+      {"node", "list", vxcli_ldf_node_list_command},
+      {"node", "show", vxcli_ldf_node_show_command},
+      {"frame", "list", vxcli_ldf_frame_list_command},
+      {"frame", "show", vxcli_ldf_frame_show_command},
+      {"signal", "list", vxcli_ldf_signal_list_command},
+      {"signal", "show", vxcli_ldf_signal_show_command},
+      {"schedule", "list", vxcli_ldf_schedule_list_command},
+      {"schedule", "show", vxcli_ldf_schedule_show_command},
+      {"schedule", "activate", vxcli_ldf_schedule_activate_command},
+      {"schedule", "deactivate", vxcli_ldf_schedule_deactivate_command},
+  };
+  for (const Route& r : routes)
+    if (is(action, r.action) && ((!sub && !r.sub) || is(sub, r.sub))) return r.handler(count, words);
+  return not_available("ldf", action, sub);
+}
 
 // Offers the line to the daemon. Returns -1 when no daemon served it.
 int forward_to_daemon(int forward_count, char** forward_words) {
@@ -332,21 +359,28 @@ int dispatch_database_command(const char* category, const char* action, int coun
   const char* next = count > 0 ? words[0] : nullptr;
   char** after = words + (count > 0 ? 1 : 0);
   int n = rest_count(count, 1);
-  (void)after;
-  (void)n;
   if (is(category, "database")) {
-    if (one_of(action, {"load", "unload", "list", "info", "validate"})) return not_available("database", action);
+    if (is(action, "load")) return vxcli_database_load_command(count, words);
+    if (is(action, "unload")) return vxcli_database_unload_command(count, words);
+    if (is(action, "list")) return vxcli_database_list_command(count, words);
+    if (is(action, "info")) return vxcli_database_info_command(count, words);
+    if (is(action, "validate")) return vxcli_database_validate_command(count, words);
   } else if (is(category, "dbc")) {
-    if (one_of(action, {"load", "decode", "encode"})) return not_available("dbc", action);
+    if (is(action, "load")) return vxcli_dbc_load_command(count, words);
+    if (is(action, "decode")) return vxcli_dbc_decode_command(count, words);
+    if (is(action, "encode")) return vxcli_dbc_encode_command(count, words);
     if (is(action, "message") || is(action, "signal")) {
-      if (!one_of(next, {"list", "show"})) {
-        vxcli_print_error("dbc %s requires list|show", action);
-        return 1;
-      }
-      return not_available("dbc", action, next);
+      bool message = is(action, "message");
+      if (is(next, "list"))
+        return message ? vxcli_dbc_message_list_command(n, after) : vxcli_dbc_signal_list_command(n, after);
+      if (is(next, "show"))
+        return message ? vxcli_dbc_message_show_command(n, after) : vxcli_dbc_signal_show_command(n, after);
+      vxcli_print_error("dbc %s requires list|show", action);
+      return 1;
     }
   } else if (is(category, "ldf")) {
-    if (one_of(action, {"load", "info"})) return not_available("ldf", action);
+    if (is(action, "load")) return vxcli_ldf_load_command(count, words);
+    if (is(action, "info")) return ldf_command("info", nullptr, count, words);
     if (one_of(action, {"node", "frame", "signal", "schedule"})) {
       if (!next) {
         vxcli_print_error("ldf %s requires an action", action);
@@ -354,12 +388,13 @@ int dispatch_database_command(const char* category, const char* action, int coun
       }
       bool schedule = is(action, "schedule");
       if (one_of(next, {"list", "show"}) || (schedule && one_of(next, {"activate", "deactivate"})))
-        return not_available("ldf", action, next);
+        return ldf_command(action, next, n, after);
       vxcli_print_error("unknown ldf %s action '%s'", action, next);
       return 1;
     }
   } else if (is(category, "a2l")) {
-    if (one_of(action, {"load", "info"})) return not_available("a2l", action);
+    if (is(action, "load")) return vxcli_a2l_load_command(count, words);
+    if (is(action, "info")) return not_available("a2l", action);
     if (is(action, "measurement") || is(action, "characteristic")) {
       if (!next) {
         vxcli_print_error("a2l %s requires list|show", action);

@@ -1,0 +1,23 @@
+#include "logging/log_frame.h"
+
+namespace {
+const int kFdLengths[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64};
+}
+
+int vxcli_log_dlc_to_length(int dlc) {
+  if (dlc <= 0) return 0;
+  if (dlc >= 15) return 64;
+  return kFdLengths[dlc];
+}
+
+int vxcli_log_length_to_dlc(int length) {
+  if (length <= 8) return length < 0 ? 0 : length;
+  for (int code = 9; code < 15; code++)
+    if (length <= kFdLengths[code]) return code;
+  return 15;
+}
+
+void vxcli_log_frame_set_time_ns(vxcli_log_frame* frame, uint64_t ns) {
+  frame->time_ns = ns;
+  frame->time = (double)ns / 1e9;
+}
