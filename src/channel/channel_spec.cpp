@@ -134,74 +134,59 @@ int vxcli_parse_channel_spec(const char* text, vxcli_channel_spec* spec) {
   return 0;
 }
 
-void vxcli_render_serial(const uint8_t serial[16], char* out, size_t size) {
+namespace {
+
+void hex_bytes(const uint8_t* bytes, size_t n, char* out, size_t size) {
+  static const char kDigits[] = "0123456789ABCDEF";
+  size_t pos = 0;
+  for (size_t i = 0; i < n && pos + 2 < size; i++) {
+    out[pos++] = kDigits[bytes[i] >> 4];
+    out[pos++] = kDigits[bytes[i] & 0xF];
+  }
+  if (size) out[pos] = 0;
+}
+
+// Serial as text when the bytes before the first zero are printable; otherwise hex of
+// those bytes (identity output) or of all 16 bytes (matching against a user's text).
+void render_serial(const uint8_t serial[16], bool all_bytes, char* out, size_t size) {
   size_t n = 0;
   while (n < 16 && serial[n]) n++;
   bool text = n > 0;
   for (size_t i = 0; i < n; i++)
     if (!printable(serial[i])) text = false;
-  if (text) {
-    snprintf(out, size, "%.*s", static_cast<int>(n), reinterpret_cast<const char*>(serial));
-    return;
-  }
-  if (n == 0 && serial[0] == 0) {
-    // An all-zero field prints empty in identity output; resolution compares hex.
-    out[0] = 0;
-    return;
-  }
-  size_t pos = 0;
-  for (size_t i = 0; i < n && pos + 3 <= size; i++) pos += static_cast<size_t>(snprintf(out + pos, size - pos, "%02X", serial[i]));
-  if (pos < size) out[pos] = 0;
+  if (text) snprintf(out, size, "%.*s", static_cast<int>(n), reinterpret_cast<const char*>(serial));
+  else hex_bytes(serial, all_bytes ? 16 : n, out, size);
 }
 
-void vxcli_render_unique_id(const uint8_t uid[12], char* out, size_t size) {
+// Unique id as 12 characters when all are non-zero and printable, else 24 hex digits;
+// identity output prints an all-zero id as the empty text.
+void render_unique_id(const uint8_t uid[12], bool empty_when_zero, char* out, size_t size) {
   bool zero = true, text = true;
   for (int i = 0; i < 12; i++) {
     if (uid[i]) zero = false;
     if (!uid[i] || !printable(uid[i])) text = false;
   }
-  if (zero) {
+  if (zero && empty_when_zero) {
     if (size) out[0] = 0;
-    return;
-  }
-  if (text) {
+  } else if (text) {
     snprintf(out, size, "%.12s", reinterpret_cast<const char*>(uid));
-    return;
+  } else {
+    hex_bytes(uid, 12, out, size);
   }
-  size_t pos = 0;
-  for (int i = 0; i < 12 && pos + 3 <= size; i++) pos += static_cast<size_t>(snprintf(out + pos, size - pos, "%02X", uid[i]));
 }
 
-namespace {
-
-// Serial rendering used for matching: all 16 bytes as hex when not printable text.
-void serial_for_match(const uint8_t serial[16], char* out, size_t size) {
-  size_t n = 0;
-  while (n < 16 && serial[n]) n++;
-  bool text = n > 0;
-  for (size_t i = 0; i < n; i++)
-    if (!printable(serial[i])) text = false;
-  if (text) {
-    snprintf(out, size, "%.*s", static_cast<int>(n), reinterpret_cast<const char*>(serial));
-    return;
-  }
-  size_t pos = 0;
-  for (int i = 0; i < 16 && pos + 3 <= size; i++) pos += static_cast<size_t>(snprintf(out + pos, size - pos, "%02X", serial[i]));
-}
-
-void uid_for_match(const uint8_t uid[12], char* out, size_t size) {
-  bool text = true;
-  for (int i = 0; i < 12; i++)
-    if (!uid[i] || !printable(uid[i])) text = false;
-  if (text) {
-    snprintf(out, size, "%.12s", reinterpret_cast<const char*>(uid));
-    return;
-  }
-  size_t pos = 0;
-  for (int i = 0; i < 12 && pos + 3 <= size; i++) pos += static_cast<size_t>(snprintf(out + pos, size - pos, "%02X", uid[i]));
-}
+void serial_for_match(const uint8_t serial[16], char* out, size_t size) { render_serial(serial, true, out, size); }
+void uid_for_match(const uint8_t uid[12], char* out, size_t size) { render_unique_id(uid, false, out, size); }
 
 }  // namespace
+
+void vxcli_render_serial(const uint8_t serial[16], char* out, size_t size) {
+  render_serial(serial, false, out, size);
+}
+
+void vxcli_render_unique_id(const uint8_t uid[12], char* out, size_t size) {
+  render_unique_id(uid, true, out, size);
+}
 
 const VXChannelInfo* vxcli_resolve_channel(const VXChannelInfo* infos, int count,
                                              const vxcli_channel_spec* spec) {

@@ -122,7 +122,7 @@ int vxcli_lin_transfer(VXHandle handle, int port, uint32_t operation, uint8_t id
                        const uint8_t* data, uint32_t length, uint8_t checksum_type, int count,
                        uint32_t interval_ms, uint32_t timeout_ms, LinTransferResult* result);
 
-// Opens a LIN channel by specification text (bitrate text as --bitrate); prints the reason
+// Opens a LIN channel named by its channel text (bitrate text as --bitrate); prints the reason
 // on stderr and returns null on failure. info_out receives the resolved entry.
 VXHandle vxcli_open_lin_channel_ex(const char* channel_spec, const char* bitrate_text,
                                    uint32_t mode, uint32_t pullup, uint32_t power,
