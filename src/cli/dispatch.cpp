@@ -11,6 +11,7 @@
 #include "cli/hooks.h"
 #include "cli/output.h"
 #include "daemon/client.h"
+#include "message/message.h"
 #include "database/commands.h"
 #include "database/ldf.h"
 #include "diag/commands.h"
@@ -224,7 +225,8 @@ int standalone(int count, char** words) {
       vxcli_print_error("message requires an action");
       return 1;
     }
-    if (is(w2, "send") || is(w2, "recv")) return not_available("message", w2);
+    if (is(w2, "send")) return vxcli_message_send_command(n2, after2);
+    if (is(w2, "recv")) return vxcli_message_recv_command(n2, after2);
     vxcli_print_error("unknown message action '%s'", w2);
     return 1;
   }
