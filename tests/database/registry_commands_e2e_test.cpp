@@ -66,7 +66,7 @@ TEST_F(DatabaseCommands, LoadRejections) {
   const Case cases[] = {
       {{"dbc", "load", "--file=" + vxtest::testdata("ldf/lin22.ldf")},
        "dbc load requires a .dbc file"},
-      {{"ldf", "load", "--file=" + plain, "--type=ldf"}, "ldf load requires a .ldf file"},
+      {{"ldf", "load", "--file=" + plain}, "ldf load requires a .ldf file"},
       {{"database", "load", "--file=" + yaml},
        "invalid mapping database: database type is recognized but not implemented"},
       {{"database", "load", "--file=" + yaml, "--type=modbus-edgex"},
