@@ -111,8 +111,19 @@ int64_t coarse_now() {
 // True when the memo's answers still hold; refreshes its keys otherwise.
 bool memo_current() {
   bool current = g_memo.primed;
+  // One walk over the environment instead of four lookups.
+  const char* values[4] = {};
+  for (char** entry = environ; entry && *entry; entry++) {
+    const char* text = *entry;
+    if (text[0] != 'V' && text[0] != 'X' && text[0] != 'H') continue;
+    for (int i = 0; i < 4; i++) {
+      size_t n = strlen(kDirectoryVariables[i]);
+      if (!values[i] && strncmp(text, kDirectoryVariables[i], n) == 0 && text[n] == '=')
+        values[i] = text + n + 1;
+    }
+  }
   for (int i = 0; i < 4; i++) {
-    const char* value = getenv(kDirectoryVariables[i]);
+    const char* value = values[i];
     bool set = value != nullptr;
     if (set != g_memo.env_set[i] || (set && g_memo.env[i] != value)) {
       current = false;
