@@ -178,23 +178,6 @@ TEST_F(DbcCommands, UnregisteredFilesAndAmbiguity) {
   EXPECT_EQ(sandbox.vxcli({"dbc", "message", "list", "--database=local"}).rc, 0);
 }
 
-TEST_F(DbcCommands, MultiplexedMessage) {
-  ASSERT_EQ(sandbox.vxcli({"dbc", "load", "--file=" + vxtest::testdata("dbc/tesla_can.dbc"),
-                           "--name=tesla"}).rc, 0);
-  RunResult zero = sandbox.vxcli({"--format=csv", "dbc", "decode", "--database=tesla",
-                                  "--message=UI_autopilotControl", "--data=08"});
-  ASSERT_EQ(zero.rc, 0) << zero.err;
-  EXPECT_NE(zero.out.find("UI_autopilotControlIndex,0,0,\n"), std::string::npos);
-  EXPECT_NE(zero.out.find("UI_hovEnabled,1,1,\n"), std::string::npos);
-  RunResult one = sandbox.vxcli({"--format=csv", "dbc", "decode", "--database=tesla",
-                                 "--message=0x3EE", "--data=09"});
-  EXPECT_NE(one.out.find("UI_autopilotControlIndex,1,1,\n"), std::string::npos);
-  EXPECT_EQ(one.out.find("UI_hovEnabled"), std::string::npos);
-  RunResult show = sandbox.vxcli({"dbc", "signal", "show", "--database=tesla",
-                                  "--message=0x3EE", "UI_hovEnabled"});
-  EXPECT_NE(show.out.find(" multiplexed=0\n"), std::string::npos);
-}
-
 // Every shared file loads, lists and decodes through the command line.
 TEST(DbcSharedFiles, LoadListAndDecode) {
   vxtest::Sandbox sandbox;
