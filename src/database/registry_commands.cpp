@@ -99,17 +99,17 @@ int load_command(const char* required_type, int count, char** words) {
   }
   const char* type_option = vxcli_get_option(count, words, "type");
   std::string inferred = vxcli_database_extension_type(canonical);
-  std::string type = type_option && *type_option ? lowercase(type_option) : inferred;
+  // The per-type loads have no --type: their own type is the only one.
+  if (required_type && inferred != required_type) {
+    vxcli_print_error("%s load requires a .%s file", required_type, required_type);
+    return 1;
+  }
+  std::string type = required_type                     ? std::string(required_type)
+                     : type_option && *type_option ? lowercase(type_option)
+                                                   : inferred;
   if (type.empty()) {
     vxcli_print_error("cannot infer database type; use --type=%s", kTypeHint);
     return 1;
-  }
-  if (required_type) {
-    if (inferred != required_type) {
-      vxcli_print_error("%s load requires a .%s file", required_type, required_type);
-      return 1;
-    }
-    type = required_type;
   }
   if (!known_type(type)) {
     vxcli_print_error("unknown database type '%s'; use --type=%s", type.c_str(), kTypeHint);
