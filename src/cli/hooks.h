@@ -12,3 +12,5 @@ void vxcli_device_library_shutdown();
 int vxcli_convert_command(int count, char** words);
 // Option check of "uds dtc" that runs before the device library is touched; 0 or 1 (reported).
 int vxcli_uds_dtc_check_options(int count, char** words);
+// Loads libvxapi64.so from the executable's directory without initialising it.
+int vxcli_device_library_load(char* message, size_t size);

@@ -1,0 +1,63 @@
+// The UDS endpoint (channel and identifiers) and the transport the uds
+// commands talk through. Commands open the transport through an opener so the
+// same command code runs on a device channel or, in tests, on a simulated ECU.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "diag/uds.h"
+
+struct vxcli_uds_session {
+  std::string channel;   // channel specification text
+  std::string bitrate;   // optional bitrate text for opening the channel
+  uint32_t request_id;
+  uint32_t response_id;
+  uint8_t request_extended;
+  uint8_t response_extended;
+  uint8_t fd;
+  uint8_t brs;
+  uint8_t padding;
+  uint8_t pad_byte;
+  uint8_t resolved;  // channel, request and response identifier all present
+};
+
+// Process-wide endpoint; command-line options override it per command.
+extern vxcli_uds_session g_uds_session;
+
+struct vxcli_uds_transport {
+  // Both return a device-library status (0 success).
+  uint32_t (*send)(void* context, const uint8_t* data, uint32_t length, int32_t timeout_ms);
+  uint32_t (*receive)(void* context, uint8_t* buffer, uint32_t* length_in_out, int32_t timeout_ms);
+  // Text of the transport's last failure.
+  const char* (*error)(void* context);
+  // Re-targets the endpoint without reopening the channel (discovery); may be null.
+  int (*retarget)(void* context, uint32_t request_id, uint32_t response_id);
+  uint64_t (*now_ms)(void* context);
+  void (*close)(void* context);
+  void* context;
+};
+
+// Opens the channel and an ISO-TP link for the session; 0 or -1 with a message.
+using vxcli_uds_transport_opener = int (*)(const vxcli_uds_session* session,
+                                           const char* cursor_name, vxcli_uds_transport* out,
+                                           char* error_text, size_t error_size);
+// The device opener is installed by default; tests install their own.
+void vxcli_uds_set_transport_opener(vxcli_uds_transport_opener opener);
+int vxcli_uds_open_transport(const vxcli_uds_session* session, const char* cursor_name,
+                             vxcli_uds_transport* out, char* error_text, size_t error_size);
+// The opener that uses a device channel and a direct ISO-TP link.
+int vxcli_uds_open_device_transport(const vxcli_uds_session* session, const char* cursor_name,
+                                    vxcli_uds_transport* out, char* error_text, size_t error_size);
+
+// Session from g_uds_session plus "--channel", "--request-id", "--response-id",
+// "--flags", "--padding" and "--bitrate". 0, or 1 after reporting.
+int vxcli_uds_session_from_options(int count, char** words, vxcli_uds_session* out);
+// 0, or 1 after reporting the first missing value.
+int require_uds_session(const vxcli_uds_session* session);
+
+// The pending loop with a fixed 5000 ms wait per response; returns the link
+// status, *length_in_out is the capacity on entry and the response length on return.
+uint32_t read_isotp_with_pending(const vxcli_uds_transport* transport, uint8_t service_id,
+                                 uint8_t* buffer, uint32_t* length_in_out);
