@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "logging/blf_bytes.h"
+#include "message/frame.h"
 
 using namespace blf;
 
@@ -534,7 +535,7 @@ int vxcli_blf_frame_to_log(uint32_t type, const uint8_t ext[16], const uint8_t f
   out->tx = f[2] & 0x01;
   out->dlc = f[3];
   if (type == kTypeCanMessage) {
-    int length = (out->remote || out->dlc > 15) ? 0 : vxcli_log_dlc_to_length(out->dlc);
+    int length = (out->remote || out->dlc > 15) ? 0 : vxcli_dlc_to_bytes(out->dlc);
     if (length > 8) return -1;
     out->length = length;
     memcpy(out->data, f + 8, length);
@@ -569,7 +570,7 @@ int quick_frame(BLFReader* r, vxcli_log_frame* out) {
     if (size < 48) return 0;
     out->dlc = f[3];
     out->remote = (f[2] & 0x80) != 0;
-    int length = (out->remote || out->dlc > 15) ? 0 : vxcli_log_dlc_to_length(out->dlc);
+    int length = (out->remote || out->dlc > 15) ? 0 : vxcli_dlc_to_bytes(out->dlc);
     if (length > 8) length = -1;
     else memcpy(out->data, f + 8, (size_t)length);
     out->length = length;

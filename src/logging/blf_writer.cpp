@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "logging/blf_bytes.h"
+#include "message/frame.h"
 
 using namespace blf;
 
@@ -215,7 +216,7 @@ void on_can_message_received(BLFWriter* w, uint64_t ts_ns, uint32_t id, const ui
   } else if (fd) {
     uint8_t* p = reserve(w, kTypeCanFdMessage, 84, ts_ns);
     if (!p) return;
-    int valid = vxcli_log_dlc_to_length(dlc & 0x0F);
+    int valid = vxcli_dlc_to_bytes(dlc & 0x0F);
     wr16(p, channel);
     p[2] = flags;
     p[3] = (uint8_t)(dlc & 0x0F);

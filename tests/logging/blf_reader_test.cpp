@@ -6,6 +6,7 @@
 #include "blf_build.h"
 #include "logging/blf_reader.h"
 #include "logging/blf_writer.h"
+#include "message/frame.h"
 
 using namespace blftest;
 
@@ -72,7 +73,7 @@ TEST(BlfReader, ReadsBackWhatTheWriterWrote) {
     f.esi = f.fd && i % 16 == 1;
     f.remote = !f.fd && i % 7 == 0;
     f.dlc = f.fd ? i % 16 : i % 9;
-    f.length = f.remote ? 0 : vxcli_log_dlc_to_length(f.dlc);
+    f.length = f.remote ? 0 : vxcli_dlc_to_bytes(f.dlc);
     for (int k = 0; k < f.length; k++) f.data[k] = (uint8_t)(i * 7 + k);
     if (i % 10 == 3) {  // LIN
       f = {};

@@ -10,6 +10,7 @@
 #include "blf_build.h"
 #include "logging/asc.h"
 #include "logging/blf_writer.h"
+#include "message/frame.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ std::vector<vxcli_log_frame> frame_set() {
     f.esi = f.fd && i % 10 == 3;
     f.remote = !f.fd && i % 11 == 0;
     f.dlc = f.fd ? i % 16 : i % 9;
-    f.length = f.remote ? 0 : vxcli_log_dlc_to_length(f.dlc);
+    f.length = f.remote ? 0 : vxcli_dlc_to_bytes(f.dlc);
     for (int k = 0; k < f.length; k++) f.data[k] = (uint8_t)(i + 31 * k);
     f.time_ns = (uint64_t)i * 1234567 + (i > 60 ? 1500000000ULL : 0);
     f.time = (double)f.time_ns / 1e9;
