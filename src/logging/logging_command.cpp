@@ -4,9 +4,11 @@
 #include <signal.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "channel/channel.h"
 #include "cli/output.h"
@@ -76,6 +78,13 @@ int hardware_logging(const char* channel_text, const char* bitrate_text, bool st
     vxcli_print_error("Device does not support offline logging");
   return 1;
 }
+
+struct Pending {
+  uint64_t ns;
+  int channel;
+  VXMessage message;
+};
+const size_t kRoundLimit = 4096;
 
 struct Output {
   vxcli_asc_writer* asc = nullptr;
@@ -193,14 +202,39 @@ int vxcli_logging_start_command(int count, char** words) {
   unsigned captured = 0;
   bool write_failed = false;
   int living = opened;
+  // What one round of reads collected, written in time order so that the
+  // channels interleave in the file as they did on the bus.
+  std::vector<Pending> pending;
+  pending.reserve(kRoundLimit);
+  auto write_pending = [&]() {
+    std::stable_sort(pending.begin(), pending.end(),
+                     [](const Pending& a, const Pending& b) { return a.ns < b.ns; });
+    for (const Pending& p : pending) {
+      if (write_failed) break;
+      const vxcli_log_channel& ch = channels[p.channel];
+      int written;
+      if (out.blf) {
+        written = vxcli_blf_write(out.blf, ch.handle, &p.message, ch.logical, 2, 0);
+      } else {
+        vxcli_log_frame frame;
+        if (!vxcli_log_frame_from_message(&p.message, ch.logical, &frame)) continue;
+        double seconds = p.ns > start_ns ? (double)(p.ns - start_ns) / 1e9 : 0.0;
+        written = vxcli_asc_write(out.asc, seconds, &frame);
+      }
+      if (written < 0) write_failed = true;
+      else if (written > 0) captured++;
+    }
+    pending.clear();
+  };
   while (g_logging_running.load() && living > 0 && !write_failed) {
     if (deadline && clock_ns(CLOCK_MONOTONIC) >= deadline) break;
     VX_WaitForNotifications(notify, (uint32_t)opened, 50);
-    for (int i = 0; i < opened && !write_failed; i++) {
+    for (int i = 0; i < opened; i++) {
       if (!alive[i]) continue;
-      VXMessage message;
-      for (;;) {
-        VXStatus status = VX_Read(channels[i].handle, &message, 0, nullptr);
+      Pending p;
+      p.channel = i;
+      while (pending.size() < kRoundLimit) {
+        VXStatus status = VX_Read(channels[i].handle, &p.message, 0, nullptr);
         if (status == VX_ERR_QUEUE_EMPTY) break;
         if (status == VX_ERR_QUEUE_OVERRUN) {
           vxcli_print_warning("receive queue overrun on channel %d; frames were lost",
@@ -214,23 +248,11 @@ int vxcli_logging_start_command(int count, char** words) {
           living--;
           break;
         }
-        int written;
-        if (out.blf) {
-          written = vxcli_blf_write(out.blf, channels[i].handle, &message, channels[i].logical, 2, 0);
-        } else {
-          vxcli_log_frame frame;
-          if (!vxcli_log_frame_from_message(&message, channels[i].logical, &frame)) continue;
-          uint64_t ns = vxcli_message_time_ns(channels[i].handle, &message);
-          double seconds = ns > start_ns ? (double)(ns - start_ns) / 1e9 : 0.0;
-          written = vxcli_asc_write(out.asc, seconds, &frame);
-        }
-        if (written < 0) {
-          write_failed = true;
-          break;
-        }
-        if (written > 0) captured++;
+        p.ns = vxcli_message_time_ns(channels[i].handle, &p.message);
+        pending.push_back(p);
       }
     }
+    write_pending();
   }
   sigaction(SIGINT, &previous, nullptr);
   g_logging_running = 0;
