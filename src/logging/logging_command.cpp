@@ -86,6 +86,37 @@ struct Pending {
 };
 const size_t kRoundLimit = 4096;
 
+// Reads what every live channel holds; true when anything was found.
+bool collect_pass(vxcli_log_channel* channels, int opened, bool* alive, int* living,
+                  std::vector<Pending>* pending) {
+  bool found = false;
+  for (int i = 0; i < opened; i++) {
+    if (!alive[i]) continue;
+    Pending p;
+    p.channel = i;
+    while (pending->size() < kRoundLimit) {
+      VXStatus status = VX_Read(channels[i].handle, &p.message, 0, nullptr);
+      if (status == VX_ERR_QUEUE_EMPTY) break;
+      if (status == VX_ERR_QUEUE_OVERRUN) {
+        vxcli_print_warning("receive queue overrun on channel %d; frames were lost",
+                            channels[i].logical);
+        continue;
+      }
+      if (status != VX_OK) {
+        vxcli_print_warning("channel %d stopped: %s", channels[i].logical,
+                            vxcli_status_to_string(status));
+        alive[i] = false;
+        (*living)--;
+        break;
+      }
+      p.ns = vxcli_message_time_ns(channels[i].handle, &p.message);
+      pending->push_back(p);
+      found = true;
+    }
+  }
+  return found;
+}
+
 struct Output {
   vxcli_asc_writer* asc = nullptr;
   vxcli_blf_handle* blf = nullptr;
@@ -229,28 +260,9 @@ int vxcli_logging_start_command(int count, char** words) {
   while (g_logging_running.load() && living > 0 && !write_failed) {
     if (deadline && clock_ns(CLOCK_MONOTONIC) >= deadline) break;
     VX_WaitForNotifications(notify, (uint32_t)opened, 50);
-    for (int i = 0; i < opened; i++) {
-      if (!alive[i]) continue;
-      Pending p;
-      p.channel = i;
-      while (pending.size() < kRoundLimit) {
-        VXStatus status = VX_Read(channels[i].handle, &p.message, 0, nullptr);
-        if (status == VX_ERR_QUEUE_EMPTY) break;
-        if (status == VX_ERR_QUEUE_OVERRUN) {
-          vxcli_print_warning("receive queue overrun on channel %d; frames were lost",
-                              channels[i].logical);
-          continue;
-        }
-        if (status != VX_OK) {
-          vxcli_print_warning("channel %d stopped: %s", channels[i].logical,
-                              vxcli_status_to_string(status));
-          alive[i] = false;
-          living--;
-          break;
-        }
-        p.ns = vxcli_message_time_ns(channels[i].handle, &p.message);
-        pending.push_back(p);
-      }
+    // Passes over the channels until one finds nothing: every frame collected
+    // then predates every frame left, whichever channel it came on.
+    while (collect_pass(channels, opened, alive, &living, &pending) && pending.size() < kRoundLimit) {
     }
     write_pending();
   }
