@@ -47,18 +47,13 @@ class Background {
       waitpid(pid_, nullptr, 0);
     }
   }
-  // Waits until stdout contains text; false after the timeout or the process ended.
+  // Waits until stdout contains text; false after the timeout or an early exit.
   bool wait_for_output(const std::string& text, int timeout_ms = 20000) {
-    for (int waited = 0; waited < timeout_ms; waited += 20) {
+    for (int waited = 0; waited < timeout_ms && pid_ > 0; waited += 20) {
       if (out().find(text) != std::string::npos) return true;
-      int status;
-      if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return out().find(text) != std::string::npos;
-      }
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return false;
+    return out().find(text) != std::string::npos;
   }
   void signal(int number) {
     if (pid_ > 0) kill(pid_, number);

@@ -1,48 +1,14 @@
 // Standalone logging and replay on the virtual analyzer: devices 10356 and
 // 10357, port k of both on bus k, so what one sends the other receives.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <vector>
 
 #include "background.h"
-#include "blf_build.h"
-#include "logging/replay_input.h"
-#include "vxtest.h"
+#include "log_test.h"
+
+using namespace logtest;
 
 namespace {
-
-std::vector<vxcli_log_frame> read_frames(const std::string& path, bool errors = false) {
-  std::vector<vxcli_log_frame> out;
-  vxcli_replay_input in;
-  if (vxcli_replay_input_open(&in, path.c_str()) != 0) return out;
-  in.include_errors = errors;
-  vxcli_log_frame f;
-  while (vxcli_replay_input_next(&in, &f) == 1) out.push_back(f);
-  vxcli_replay_input_close(&in);
-  return out;
-}
-
-// Same frames in the same order; what the bus cannot carry (direction, ESI) aside.
-void expect_same_frames(const std::vector<vxcli_log_frame>& got,
-                        const std::vector<vxcli_log_frame>& want) {
-  ASSERT_EQ(got.size(), want.size());
-  for (size_t i = 0; i < got.size(); i++) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(got[i].channel, want[i].channel);
-    EXPECT_EQ(got[i].id, want[i].id);
-    EXPECT_EQ(got[i].extended, want[i].extended);
-    EXPECT_EQ(got[i].remote, want[i].remote);
-    EXPECT_EQ(got[i].fd, want[i].fd);
-    EXPECT_EQ(got[i].brs, want[i].brs);
-    EXPECT_EQ(got[i].dlc, want[i].dlc);
-    EXPECT_EQ(got[i].length, want[i].length);
-    EXPECT_EQ(memcmp(got[i].data, want[i].data, (size_t)want[i].length), 0);
-    EXPECT_EQ(got[i].tx, 0);
-  }
-}
 
 // Gaps between neighbours in the capture against the source: the long pause
 // exactly, and the typical gap within a couple of milliseconds.
@@ -107,21 +73,21 @@ TEST(LoggingReplay, CapturesReplayToTheSameFramesThroughAscAndBlf) {
   EXPECT_NE(text.find("//   ch1 = SN10357/port0\n//   ch2 = SN10357/port1\nBegin Triggerblock\n"),
             std::string::npos);
   EXPECT_EQ(text.substr(text.size() - 17), "End TriggerBlock\n");
-  expect_same_frames(first.frames, want);
+  expect_same_frames(first.frames, want, true);
   expect_retained_timing(first.frames, want);
 
   // That ASC capture -> bus 2/3 -> BLF.
   std::string blf = box.path("second.blf");
   Capture second = capture_replay(box, "10357/2,10357/3", blf, "blf",
                                   {"--channel=10356/2,10356/3", "--file=" + asc});
-  expect_same_frames(second.frames, want);
+  expect_same_frames(second.frames, want, true);
   expect_retained_timing(second.frames, first.frames);
 
   // That BLF capture, twice as fast -> bus 6/7 -> ASC.
   std::string third_path = box.path("third.asc");
   Capture third = capture_replay(box, "10357/6,10357/7", third_path, "asc",
                                  {"--channel=10356/6,10356/7", "--file=" + blf, "--speed=2.0"});
-  expect_same_frames(third.frames, want);
+  expect_same_frames(third.frames, want, true);
   expect_retained_timing(third.frames, second.frames, 2.0);
 }
 
@@ -180,10 +146,10 @@ TEST(LoggingReplay, BlfKilledAfterFirstContainerStaysReadable) {
   logger.signal(SIGKILL);
   EXPECT_EQ(logger.wait(), 128 + SIGKILL);
 
-  blftest::Bytes f = blftest::read(path);
+  Bytes f = read(path);
   ASSERT_GT(f.size(), 144u);
-  EXPECT_EQ(blftest::get64(f, 16), f.size());
-  EXPECT_EQ(blftest::get32(f, 32), 53u);  // the first container, flushed by the 54th frame
+  EXPECT_EQ(get(f, 16, 8), f.size());
+  EXPECT_EQ(get(f, 32, 4), 53u);  // the first container, flushed by the 54th frame
   auto frames = read_frames(path);
   ASSERT_EQ(frames.size(), 53u);
   for (size_t i = 0; i < frames.size(); i++) {
@@ -207,10 +173,7 @@ TEST(LoggingReplay, RefusalsAndCountedErrors) {
   EXPECT_EQ(r.rc, 1);
   EXPECT_NE(r.err.find("channel spec not found, skipping"), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("No channels could be opened for: 99999/0"), std::string::npos) << r.err;
-  r = box.vxcli({"replay", "start", "--channel=10356/0", "--file=" + trace, "--bitrate=fast"});
-  EXPECT_NE(r.err.find("invalid --bitrate"), std::string::npos);
   r = box.vxcli({"replay", "start", "--channel=10356/0", "--file=" + trace, "--map-channel=65:10356/1"});
-  EXPECT_EQ(r.rc, 1);
   EXPECT_NE(r.err.find("Invalid ASC channel in --map-channel: 65"), std::string::npos);
 
   // Channel 2 is not mapped (strict) and LIN cannot be sent standalone: 1 sent, 2 errors.
@@ -224,15 +187,11 @@ TEST(LoggingReplay, RefusalsAndCountedErrors) {
             std::string::npos);
   EXPECT_NE(r.err.find("Replayed 1 message(s), 2 error(s)\n"), std::string::npos) << r.err;
 
-  r = box.vxcli({"logging", "start", "--channel=10357/0"});
-  EXPECT_NE(r.err.find("--output is required"), std::string::npos);
   r = box.vxcli({"logging", "start", "--channel=10357/0", "--output=x.trc", "--format=trc"});
   EXPECT_NE(r.err.find("--format must be asc or blf"), std::string::npos);
   r = box.vxcli({"logging", "start", "--channel=99999/1", "--output=x.asc"});
   EXPECT_NE(r.err.find("channel spec not found, skipping (port=1)"), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("No matching channels found for: 99999/1"), std::string::npos);
-  r = box.vxcli({"logging", "start", "--channel=10357/0", "--output=" + box.path("no/dir.asc")});
-  EXPECT_NE(r.err.find("Failed to create file: " + box.path("no/dir.asc")), std::string::npos);
   r = box.vxcli({"logging", "start", "--channel=10357/0", "--output=x.asc", "--hardware"});
   EXPECT_EQ(r.rc, 1);
   EXPECT_NE(r.err.find("Offline logging is supported only by generation-2.5 hardware"),
