@@ -265,6 +265,7 @@ int vxcli_logging_start_command(int count, char** words) {
     while (collect_pass(channels, opened, alive, &living, &pending) && pending.size() < kRoundLimit) {
     }
     write_pending();
+    if (out.asc && vxcli_asc_flush(out.asc) != 0) write_failed = true;
   }
   sigaction(SIGINT, &previous, nullptr);
   g_logging_running = 0;
