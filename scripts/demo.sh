@@ -12,7 +12,7 @@ run help
 run channel enumerate
 run channel info --channel=10356/0 --format=json
 echo "\$ vxcli message recv --channel=10357/0 --count=3 --format=jsonl &"
-"$BIN/vxcli" message recv --channel=10357/0 --count=3 --format=jsonl --timeout=5000 &
+"$BIN/vxcli" message recv --channel=10357/0 --count=3 --format=jsonl &
 RECV=$!
 sleep 0.5
 run message send --channel=10356/0 --id=0x123 --data=11223344 --count=3 --cycle=100
