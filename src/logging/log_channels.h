@@ -14,10 +14,10 @@ struct vxcli_log_channel {
 
 enum vxcli_log_channel_purpose { VXCLI_OPEN_FOR_REPLAY, VXCLI_OPEN_FOR_LOGGING };
 
-// Opens the channels named by specs (already parsed) among the enumerated
-// ones as CAN channels, in list order, warning about the ones skipped.
-// Returns the number opened; *matched receives how many specifications named
-// an existing channel.
+// Opens the channels named in the parsed list among the enumerated ones as
+// CAN channels, in list order, warning about the ones skipped. Returns the
+// number opened; *matched receives how many list entries named an existing
+// channel.
 int vxcli_log_open_channels(const vxcli_channel_spec* specs, int wanted, const VXChannelInfo* infos,
                             int count, const VXBitrate* bitrate, vxcli_log_channel_purpose purpose,
                             vxcli_log_channel* out, int max, int* matched);
