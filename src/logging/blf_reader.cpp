@@ -570,9 +570,9 @@ int quick_frame(BLFReader* r, vxcli_log_frame* out) {
     if (size < 48) return 0;
     out->dlc = f[3];
     out->remote = (f[2] & 0x80) != 0;
-    int length = (out->remote || out->dlc > 15) ? 0 : vxcli_dlc_to_bytes(out->dlc);
-    if (length > 8) length = -1;
-    else memcpy(out->data, f + 8, (size_t)length);
+    // Codes 9-15 stand for more than 8 bytes: malformed in a classic frame.
+    int length = (out->remote || out->dlc > 15) ? 0 : out->dlc > 8 ? -1 : out->dlc;
+    if (length > 0) memcpy(out->data, f + 8, (size_t)length);
     out->length = length;
   } else if (type == kTypeCanFdMessage) {
     if (size < 116) return 0;
@@ -588,7 +588,9 @@ int quick_frame(BLFReader* r, vxcli_log_frame* out) {
   } else {
     return 0;
   }
-  vxcli_log_frame_set_time_ns(out, BLFReader_timestampToNanoseconds(rd32(p + 16), rd64(p + 24)));
+  uint64_t ts = rd64(p + 24);
+  if (rd32(p + 16) == 1) ts = BLFReader_timestampToNanoseconds(1, ts);
+  vxcli_log_frame_set_time_ns(out, ts);
   out->channel = rd16(f);
   uint32_t id = rd32(f + 4);
   out->id = id & 0x7FFFFFFF;
