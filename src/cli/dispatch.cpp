@@ -15,6 +15,7 @@
 #include "database/commands.h"
 #include "database/ldf.h"
 #include "diag/commands.h"
+#include "logging/commands.h"
 
 namespace {
 
@@ -255,7 +256,9 @@ int standalone(int count, char** words) {
       vxcli_print_error("logging requires an action");
       return 1;
     }
-    if (one_of(w2, {"start", "stop", "status"})) return not_available("logging", w2);
+    if (is(w2, "start")) return vxcli_logging_start_command(n2, after2);
+    if (is(w2, "stop")) return vxcli_logging_stop_command(n2, after2);
+    if (is(w2, "status")) return vxcli_logging_status_command(n2, after2);
     vxcli_print_error("unknown logging action '%s'", w2);
     return 1;
   }
@@ -264,12 +267,12 @@ int standalone(int count, char** words) {
       vxcli_print_error("replay requires an action");
       return 1;
     }
-    if (is(w2, "start")) return not_available("replay", "start");
+    if (is(w2, "start")) return vxcli_replay_file(n2, after2);
     if (is(w2, "stop")) {
       vxcli_print_error("replay stop requires daemon mode; standalone replay is stopped with Ctrl+C");
       return 1;
     }
-    if (is(w2, "status")) return not_available("replay", "status");
+    if (is(w2, "status")) return vxcli_replay_status_command(n2, after2);
     vxcli_print_error("unknown replay action '%s'", w2);
     return 1;
   }

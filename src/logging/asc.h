@@ -44,5 +44,8 @@ vxcli_asc_writer* vxcli_asc_open(const char* path, time_t start,
                                  char* message, size_t message_size);
 // 1 written, -1 bad arguments or a write error (sticky).
 int vxcli_asc_write(vxcli_asc_writer* writer, double seconds, const vxcli_log_frame* frame);
+// Hands buffered lines to the file (a long-running logger calls this now and
+// then, so that a crash loses little); 0, or -1 when any write failed.
+int vxcli_asc_flush(vxcli_asc_writer* writer);
 // Ends the trigger block and closes; 0, or -1 when any write failed.
 int vxcli_asc_close(vxcli_asc_writer* writer);

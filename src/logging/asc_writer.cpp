@@ -171,6 +171,12 @@ int vxcli_asc_write(vxcli_asc_writer* w, double seconds, const vxcli_log_frame* 
   return 1;
 }
 
+int vxcli_asc_flush(vxcli_asc_writer* w) {
+  if (!w) return -1;
+  if (fflush(w->file) != 0) w->failed = true;
+  return w->failed ? -1 : 0;
+}
+
 int vxcli_asc_close(vxcli_asc_writer* w) {
   if (!w) return -1;
   bool ok = !w->failed;

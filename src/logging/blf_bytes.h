@@ -2,6 +2,8 @@
 // BLF writer and reader.
 #pragma once
 
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -29,23 +31,34 @@ enum : uint32_t {
   kTypeEthernetFrameEx = 120,
 };
 
-inline uint16_t rd16(const uint8_t* p) { return (uint16_t)(p[0] | (p[1] << 8)); }
-inline uint32_t rd32(const uint8_t* p) {
-  return (uint32_t)p[0] | ((uint32_t)p[1] << 8) | ((uint32_t)p[2] << 16) | ((uint32_t)p[3] << 24);
+// Plain loads and stores on little-endian hosts, byte by byte elsewhere.
+constexpr bool kLittle = std::endian::native == std::endian::little;
+
+template <typename T>
+inline T rd(const uint8_t* p) {
+  T v;
+  if constexpr (kLittle) {
+    memcpy(&v, p, sizeof v);
+  } else {
+    v = 0;
+    for (size_t i = sizeof(T); i-- > 0;) v = (T)((v << 8) | p[i]);
+  }
+  return v;
 }
-inline uint64_t rd64(const uint8_t* p) { return (uint64_t)rd32(p) | ((uint64_t)rd32(p + 4) << 32); }
-inline void wr16(uint8_t* p, uint16_t v) {
-  p[0] = (uint8_t)v;
-  p[1] = (uint8_t)(v >> 8);
+template <typename T>
+inline void wr(uint8_t* p, T v) {
+  if constexpr (kLittle) {
+    memcpy(p, &v, sizeof v);
+  } else {
+    for (size_t i = 0; i < sizeof(T); i++) p[i] = (uint8_t)(v >> (8 * i));
+  }
 }
-inline void wr32(uint8_t* p, uint32_t v) {
-  wr16(p, (uint16_t)v);
-  wr16(p + 2, (uint16_t)(v >> 16));
-}
-inline void wr64(uint8_t* p, uint64_t v) {
-  wr32(p, (uint32_t)v);
-  wr32(p + 4, (uint32_t)(v >> 32));
-}
+inline uint16_t rd16(const uint8_t* p) { return rd<uint16_t>(p); }
+inline uint32_t rd32(const uint8_t* p) { return rd<uint32_t>(p); }
+inline uint64_t rd64(const uint8_t* p) { return rd<uint64_t>(p); }
+inline void wr16(uint8_t* p, uint16_t v) { wr(p, v); }
+inline void wr32(uint8_t* p, uint32_t v) { wr(p, v); }
+inline void wr64(uint8_t* p, uint64_t v) { wr(p, v); }
 inline uint32_t pad4(uint64_t size) { return (uint32_t)(-size & 3u); }
 inline bool is_lobj(const uint8_t* p) { return memcmp(p, "LOBJ", 4) == 0; }
 

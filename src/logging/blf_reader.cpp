@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "logging/blf_bytes.h"
+#include "message/frame.h"
 
 using namespace blf;
 
@@ -534,7 +535,7 @@ int vxcli_blf_frame_to_log(uint32_t type, const uint8_t ext[16], const uint8_t f
   out->tx = f[2] & 0x01;
   out->dlc = f[3];
   if (type == kTypeCanMessage) {
-    int length = (out->remote || out->dlc > 15) ? 0 : vxcli_log_dlc_to_length(out->dlc);
+    int length = (out->remote || out->dlc > 15) ? 0 : vxcli_dlc_to_bytes(out->dlc);
     if (length > 8) return -1;
     out->length = length;
     memcpy(out->data, f + 8, length);
@@ -569,9 +570,9 @@ int quick_frame(BLFReader* r, vxcli_log_frame* out) {
     if (size < 48) return 0;
     out->dlc = f[3];
     out->remote = (f[2] & 0x80) != 0;
-    int length = (out->remote || out->dlc > 15) ? 0 : vxcli_log_dlc_to_length(out->dlc);
-    if (length > 8) length = -1;
-    else memcpy(out->data, f + 8, (size_t)length);
+    // Codes 9-15 stand for more than 8 bytes: malformed in a classic frame.
+    int length = (out->remote || out->dlc > 15) ? 0 : out->dlc > 8 ? -1 : out->dlc;
+    if (length > 0) memcpy(out->data, f + 8, (size_t)length);
     out->length = length;
   } else if (type == kTypeCanFdMessage) {
     if (size < 116) return 0;
@@ -587,7 +588,9 @@ int quick_frame(BLFReader* r, vxcli_log_frame* out) {
   } else {
     return 0;
   }
-  vxcli_log_frame_set_time_ns(out, BLFReader_timestampToNanoseconds(rd32(p + 16), rd64(p + 24)));
+  uint64_t ts = rd64(p + 24);
+  if (rd32(p + 16) == 1) ts = BLFReader_timestampToNanoseconds(1, ts);
+  vxcli_log_frame_set_time_ns(out, ts);
   out->channel = rd16(f);
   uint32_t id = rd32(f + 4);
   out->id = id & 0x7FFFFFFF;

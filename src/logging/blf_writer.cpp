@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "logging/blf_bytes.h"
+#include "message/frame.h"
 
 using namespace blf;
 
@@ -15,7 +16,7 @@ const uint64_t kBefore1990Ns = 631151999999999999ULL;
 
 uint64_t container_size(uint64_t contained) { return contained + pad4(contained) + 32; }
 
-const uint32_t kBatchSize = 64 * 1024;
+const uint32_t kBatchSize = 256 * 1024;
 const uint64_t kBatchAgeNs = 100000000ULL;
 
 uint64_t monotonic_ns() {
@@ -87,8 +88,9 @@ void checkpoint(BLFWriter* w) {
 }
 
 // Appends an object header and returns its zeroed payload area, or null for
-// an object larger than a container.
-uint8_t* reserve(BLFWriter* w, uint32_t type, uint32_t length, uint64_t ts_ns) {
+// an object larger than a container. Inlined with constant lengths, the
+// header and the zeroing become a few plain stores.
+inline uint8_t* reserve(BLFWriter* w, uint32_t type, uint32_t length, uint64_t ts_ns) {
   uint64_t relative = 0;
   if (w->start_ns == 0)
     w->start_ns = ts_ns;
@@ -99,16 +101,14 @@ uint8_t* reserve(BLFWriter* w, uint32_t type, uint32_t length, uint64_t ts_ns) {
   if (w->capacity - w->used < pad + length + 32) {
     flush(w);
     checkpoint(w);
+    if (w->capacity - w->used < pad + length + 32) return nullptr;
   }
-  if (w->capacity - w->used < pad + length + 32) return nullptr;
   uint8_t* p = w->buffer + w->used;
-  memcpy(p, "LOBJ", 4);
-  wr16(p + 4, 32);
-  wr16(p + 6, 1);
+  static const uint8_t kHead[8] = {'L', 'O', 'B', 'J', 32, 0, 1, 0};
+  memcpy(p, kHead, sizeof kHead);
   wr32(p + 8, length + 32);
   wr32(p + 12, type);
-  wr32(p + 16, 2);  // nanoseconds
-  wr32(p + 20, 0);  // client index, object version
+  wr64(p + 16, 2);  // nanoseconds; client index and object version 0
   wr64(p + 24, relative);
   memset(p + 32, 0, length + pad);
   w->used += 32 + length + pad;
@@ -215,7 +215,7 @@ void on_can_message_received(BLFWriter* w, uint64_t ts_ns, uint32_t id, const ui
   } else if (fd) {
     uint8_t* p = reserve(w, kTypeCanFdMessage, 84, ts_ns);
     if (!p) return;
-    int valid = vxcli_log_dlc_to_length(dlc & 0x0F);
+    int valid = vxcli_dlc_to_bytes(dlc & 0x0F);
     wr16(p, channel);
     p[2] = flags;
     p[3] = (uint8_t)(dlc & 0x0F);
@@ -231,7 +231,12 @@ void on_can_message_received(BLFWriter* w, uint64_t ts_ns, uint32_t id, const ui
     p[2] = flags;
     p[3] = capped;
     wr32(p + 4, ident);
-    if (data && !remote) memcpy(p + 8, data, capped);
+    if (data && !remote) {
+      if (capped == 8)
+        memcpy(p + 8, data, 8);  // the usual case, as one store
+      else
+        memcpy(p + 8, data, capped);
+    }
   }
 }
 

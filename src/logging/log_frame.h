@@ -27,10 +27,7 @@ struct vxcli_log_frame {
   uint8_t data[64];
 };
 
-// Byte count of a CAN FD length code (0-8, 12, 16, 20, 24, 32, 48, 64; 15 and up give 64).
-int vxcli_log_dlc_to_length(int dlc);
-// Smallest length code that carries n bytes (0-8 as is, then 9..15).
-int vxcli_log_length_to_dlc(int length);
+// Length codes: vxcli_dlc_to_bytes and vxcli_bytes_to_dlc in message/frame.h.
 // Fills time and time_ns from nanoseconds.
 inline void vxcli_log_frame_set_time_ns(vxcli_log_frame* frame, uint64_t ns) {
   frame->time_ns = ns;

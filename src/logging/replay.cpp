@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "cli/output.h"
+#include "message/frame.h"
 
 std::atomic<int> g_replay_running{0};
 
@@ -199,7 +200,7 @@ int vxcli_replay_run(vxcli_replay_input* input, const vxcli_replay_plan* plan,
       if (plan->verbose) {
         int dlc = record.dlc & 0x0F;
         fprintf(log, "TX ASCch%d ID=0x%03X DLC=%d [", record.channel, record.id, dlc);
-        int n = record.is_lin ? record.length : vxcli_log_dlc_to_length(dlc);
+        int n = record.is_lin ? record.length : vxcli_dlc_to_bytes(dlc);
         for (int i = 0; i < n && i < 64; i++) fprintf(log, "%02X ", record.data[i]);
         fprintf(log, "]\n");
       }
