@@ -440,9 +440,6 @@ int vxcli_message_recv_command(int count, char** words) {
       }
     }
   }
-  if (g_config.verbose)
-    fprintf(stderr, "Receiving on %d channel(s) (duration=%ss, count=%s)\n", c.open,
-            duration > 0 ? o.duration : "infinite", frames > 0 ? o.count : "infinite");
 
   struct sigaction action;
   memset(&action, 0, sizeof action);
@@ -452,6 +449,10 @@ int vxcli_message_recv_command(int count, char** words) {
   sigaction(SIGINT, &action, &old_int);
   sigaction(SIGTERM, &action, &old_term);
   g_recv_running = 1;
+  // Announced only once an interrupt can be handled, so callers may signal right away.
+  if (g_config.verbose)
+    fprintf(stderr, "Receiving on %d channel(s) (duration=%ss, count=%s)\n", c.open,
+            duration > 0 ? o.duration : "infinite", frames > 0 ? o.count : "infinite");
 
   capture(c, static_cast<uint64_t>(std::llround(duration * 1000.0)));
 

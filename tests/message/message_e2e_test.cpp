@@ -4,60 +4,19 @@
 #include <signal.h>
 
 #include <chrono>
-#include <future>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "json/json.h"
+#include "e2e_util.h"
 #include "vxtest.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> out;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    out.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return out;
-}
-
-std::string member(const std::string& json, const char* key) {
-  vxcli_json_token t[256];
-  if (vxcli_json_parse(json.c_str(), t, 256) <= 0) return "<invalid json>";
-  int at = vxcli_json_object_get(json.c_str(), t, 0, key);
-  if (at < 0) return "<missing>";
-  return json.substr(static_cast<size_t>(t[at].start), static_cast<size_t>(t[at].end - t[at].start));
-}
-
-// The pid of the first process with a channel open, once one is (from "vxsim list").
-int wait_for_open_channel(const vxtest::Sandbox& box) {
-  auto deadline = Clock::now() + std::chrono::seconds(20);
-  while (Clock::now() < deadline) {
-    auto list = box.run_program("vxsim", {"list"});
-    size_t at = list.out.find(" pid ");
-    if (at != std::string::npos) return std::stoi(list.out.substr(at + 5));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return -1;
-}
-
-// Starts a capture in the background and returns once its channel is open.
-std::future<vxtest::RunResult> start_recv(const vxtest::Sandbox& box,
-                                          std::vector<std::string> args, int* pid = nullptr) {
-  box.run_program("vxsim", {"list"});  // the device service outlives no test pipe
-  args.insert(args.begin(), {"message", "recv"});
-  auto future = std::async(std::launch::async, [&box, args] { return box.vxcli(args, 60); });
-  int p = wait_for_open_channel(box);
-  if (pid) *pid = p;
-  return future;
-}
+using msgtest::lines;
+using msgtest::member;
+using msgtest::start_recv;
 
 TEST(MessageE2E, ThreeFramesAcrossTwoProcesses) {
   vxtest::Sandbox box;
@@ -66,7 +25,7 @@ TEST(MessageE2E, ThreeFramesAcrossTwoProcesses) {
                          "--data=11223344", "--count=3", "--cycle=100"});
   EXPECT_EQ(send.rc, 0) << send.err;
   EXPECT_EQ(send.out, "Sent 3 message(s) on channel 0, ID=0x123\n");
-  auto got = recv.get();
+  auto got = recv->finish();
   ASSERT_EQ(got.rc, 0) << got.err;
   auto frames = lines(got.out);
   ASSERT_EQ(frames.size(), 3u) << got.out;
@@ -99,7 +58,7 @@ TEST(MessageE2E, ExtendedFdAndRemoteFramesOnTwoChannels) {
   EXPECT_EQ(fd.out, "{\"status\":\"ok\",\"sent\":1,\"errors\":0,\"channel\":1,\"id\":\"0x7FF\"}\n");
   EXPECT_EQ(box.vxcli({"message", "send", "--channel=10356/0", "--id=0x100", "--type=remote",
                        "--dlc=8"}).rc, 0);
-  auto got = recv.get();
+  auto got = recv->finish();
   ASSERT_EQ(got.rc, 0) << got.err;
   auto frames = lines(got.out);
   ASSERT_EQ(frames.size(), 3u) << got.out;
@@ -118,7 +77,7 @@ TEST(MessageE2E, SoftwareFilterMatchesLowBitsAndCsvHeaderOnce) {
   auto recv = start_recv(box, {"--channel=10357/2", "--count=2", "--id=0x100", "--format=csv"});
   for (const char* id : {"0x101", "0x1ABCD100", "0x100"})
     EXPECT_EQ(box.vxcli({"message", "send", "--channel=10356/2", "--id", id, "--data=AA"}).rc, 0);
-  auto got = recv.get();
+  auto got = recv->finish();
   ASSERT_EQ(got.rc, 0) << got.err;
   auto rows = lines(got.out);
   ASSERT_EQ(rows.size(), 3u) << got.out;
@@ -142,12 +101,10 @@ TEST(MessageE2E, NothingReceived) {
 
 TEST(MessageE2E, InterruptEndsAQuietCaptureWithinASecond) {
   vxtest::Sandbox box;
-  int pid = -1;
-  auto recv = start_recv(box, {"--channel=10357/3", "--count=5"}, &pid);
-  ASSERT_GT(pid, 0);
+  auto recv = start_recv(box, {"--channel=10357/3", "--count=5"});
   auto start = Clock::now();
-  kill(pid, SIGINT);
-  auto got = recv.get();
+  kill(recv->pid(), SIGINT);
+  auto got = recv->finish();
   EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(2500));
   EXPECT_EQ(got.rc, 1);
   EXPECT_EQ(got.out, "No messages received (count=5 not reached in infinites)\n");
@@ -160,7 +117,7 @@ TEST(MessageE2E, JsonDocumentCollectsFrames) {
   auto recv = start_recv(box, {"--channel=10357/6", "--count=2", "--format=json"});
   EXPECT_EQ(box.vxcli({"message", "send", "--channel=10356/6", "--id=5000", "--data=1",
                        "--count=2"}).rc, 0);
-  auto got = recv.get();
+  auto got = recv->finish();
   ASSERT_EQ(got.rc, 0) << got.err;
   EXPECT_EQ(member(got.out, "status"), "ok");
   EXPECT_EQ(member(got.out, "received"), "2");
