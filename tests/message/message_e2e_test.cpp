@@ -22,9 +22,13 @@ TEST(MessageE2E, ThreeFramesAcrossTwoProcesses) {
   vxtest::Sandbox box;
   auto recv = start_recv(box, {"--channel=10357/0", "--count=3", "--format=jsonl"});
   auto send = box.vxcli({"message", "send", "--channel=10356/0", "--id=0x123",
-                         "--data=11223344", "--count=3", "--cycle=100"});
+                         "--data=11223344", "--count=3", "--cycle=100", "--verbose"});
   EXPECT_EQ(send.rc, 0) << send.err;
   EXPECT_EQ(send.out, "Sent 3 message(s) on channel 0, ID=0x123\n");
+  // Each frame is echoed from its transmit confirmation.
+  auto echoes = lines(send.err);
+  ASSERT_EQ(echoes.size(), 3u) << send.err;
+  for (const auto& e : echoes) EXPECT_EQ(e.rfind("TX CH0 ID=0x123 DLC=4 [11 22 33 44 ] ts=", 0), 0u) << e;
   auto got = recv->finish();
   ASSERT_EQ(got.rc, 0) << got.err;
   auto frames = lines(got.out);
@@ -127,6 +131,35 @@ TEST(MessageE2E, JsonDocumentCollectsFrames) {
                          "\"dlc\":1,\"flags\":\"ide+\",\"data\":\"01\",\"timestamp\":0.000000}"),
             std::string::npos)
       << got.out;
+}
+
+TEST(MessageE2E, DbcSignalsOutAndDecodedIn) {
+  vxtest::Sandbox box;
+  std::string dbc = vxtest::testdata("dbc/vehicle.dbc");
+  auto recv = start_recv(box, {"--channel=10357/7", "--count=1", "--decode", "--dbc=" + dbc,
+                               "--format=jsonl"});
+  auto send = box.vxcli({"message", "send", "--channel=10356/7", "--message=RT_DL1MK3_Speed",
+                         "--signal=Speed=-1.5", "--signal", "Validity_Speed=1", "--dbc=" + dbc});
+  EXPECT_EQ(send.rc, 0) << send.err;
+  // The message is extended in the file (bit 31 of its identifier).
+  EXPECT_EQ(send.out, "Sent 1 message(s) on channel 7, ID=0x94A7C24\n");
+  auto got = recv->finish();
+  ASSERT_EQ(got.rc, 0) << got.err;
+  EXPECT_NE(got.out.find("\"id\":\"0x94A7C24\",\"dlc\":8,\"flags\":\"ide+\",\"data\":"
+                         "\"010010B6FDFF0000\""),
+            std::string::npos)
+      << got.out;
+  EXPECT_NE(got.out.find("\"decoded\":{\"message\":\"RT_DL1MK3_Speed\""), std::string::npos);
+  EXPECT_NE(got.out.find("\"Speed\":{\"raw\":4294817296,\"physical\":-1.5,\"unit\":\"m/s\"}"),
+            std::string::npos);
+
+  auto unknown = box.vxcli({"message", "send", "--channel=10356/7", "--message=Nope",
+                            "--dbc=" + dbc});
+  EXPECT_EQ(unknown.rc, 1);
+  EXPECT_EQ(unknown.err.rfind("ERROR: Failed to encode signals for message: Nope (", 0), 0u);
+  auto no_database = box.vxcli({"message", "recv", "--channel=10357/7", "--decode"});
+  EXPECT_EQ(no_database.rc, 1);
+  EXPECT_EQ(no_database.err.rfind("ERROR: --decode needs a DBC database: ", 0), 0u);
 }
 
 TEST(MessageE2E, SendRefusals) {
