@@ -368,7 +368,14 @@ int vxcli_message_recv_command(int count, char** words) {
   for (int i = 0; i < n; i++) {
     entries[i] = vxcli_resolve_channel(infos, enumerated, &specs[i]);
     if (!entries[i]) {
-      vxcli_print_error("No matching channel found for %s", specs[i].device);
+      char piece[48];
+      if (specs[i].kind == VXCLI_SPEC_INDEX_OR_NAME && specs[i].index >= 0)
+        snprintf(piece, sizeof piece, "%d", specs[i].index);
+      else if (specs[i].port >= 0)
+        snprintf(piece, sizeof piece, "%s/%d", specs[i].device, specs[i].port);
+      else
+        snprintf(piece, sizeof piece, "%s", specs[i].device);
+      vxcli_print_error("No matching channel found for %s", piece);
       return 1;
     }
     uint32_t bus = 0;

@@ -225,6 +225,8 @@ TEST(MessageE2E, RecvRefusals) {
             "ERROR: invalid CAN --bitrate; use forms such as 500/2000, 500K/2M, or 500000/2000000\n");
   auto list = box.vxcli({"message", "recv", "--channel=10357/0,10357/9"});
   EXPECT_EQ(list.err, "ERROR: Invalid channel specification: 10357/0,10357/9\n");
+  auto unknown = box.vxcli({"message", "recv", "--channel=10357/0,99999/1"});
+  EXPECT_EQ(unknown.err, "ERROR: No matching channel found for 99999/1\n");
   auto missing = box.vxcli({"message", "recv"});
   EXPECT_EQ(missing.err, "ERROR: --channel is required\n");
 }
