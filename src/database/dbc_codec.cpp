@@ -203,8 +203,19 @@ struct Sink {
     memcpy(p, text, n);
     p += n;
   }
-  void put(const char* text) { put(text, strlen(text)); }
-  void put(char c) { put(&c, 1); }
+  // Literals: the copy has a constant size and is inlined.
+  template <size_t N>
+  void put(const char (&text)[N]) {
+    put(text, N - 1);
+  }
+  void put_text(const char* text) { put(text, strlen(text)); }
+  void put(char c) {
+    if (!ok || p == end) {
+      ok = false;
+      return;
+    }
+    *p++ = c;
+  }
   void put_u64(uint64_t value) {
     char digits[24];
     auto r = std::to_chars(digits, digits + sizeof digits, value);
@@ -253,29 +264,48 @@ struct Sink {
   void put_string(const std::string& text);
 };
 
+// Length of the run of bytes at the start of text that JSON takes as they
+// are (printable ASCII other than the quote and the backslash), 8 at a time.
+size_t plain_run(const unsigned char* text, size_t n) {
+  constexpr uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
+  size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t x;
+    memcpy(&x, text + i, 8);
+    uint64_t quote = x ^ (ones * '"'), backslash = x ^ (ones * '\\');
+    // Classic zero-byte tests: a byte below 0x20, a quote, a backslash, or a
+    // high bit (the byte loop below sorts out what it was).
+    uint64_t special = (((x - ones * 0x20) & ~x) | ((quote - ones) & ~quote) |
+                        ((backslash - ones) & ~backslash) | x) &
+                       highs;
+    if (special) break;
+  }
+  while (i < n && text[i] >= 0x20 && text[i] < 0x80 && text[i] != '"' && text[i] != '\\') i++;
+  return i;
+}
+
 void Sink::put_string(const std::string& text) {
   static const char hex[] = "0123456789ABCDEF";
   put('"');
   const unsigned char* s = reinterpret_cast<const unsigned char*>(text.data());
   size_t n = text.size();
   for (size_t i = 0; i < n && ok;) {
-    unsigned char c = s[i];
-    if (c >= 0x20 && c < 0x80 && c != '"' && c != '\\') {
-      size_t j = i + 1;
-      while (j < n && s[j] >= 0x20 && s[j] < 0x80 && s[j] != '"' && s[j] != '\\') j++;
-      put(text.data() + i, j - i);
-      i = j;
+    size_t run = plain_run(s + i, n - i);
+    if (run) {
+      put(text.data() + i, run);
+      i += run;
       continue;
     }
+    unsigned char c = s[i];
     if (c < 0x80) {
       switch (c) {
-        case '"': put("\\\"", 2); break;
-        case '\\': put("\\\\", 2); break;
-        case '\b': put("\\b", 2); break;
-        case '\f': put("\\f", 2); break;
-        case '\n': put("\\n", 2); break;
-        case '\r': put("\\r", 2); break;
-        case '\t': put("\\t", 2); break;
+        case '"': put("\\\""); break;
+        case '\\': put("\\\\"); break;
+        case '\b': put("\\b"); break;
+        case '\f': put("\\f"); break;
+        case '\n': put("\\n"); break;
+        case '\r': put("\\r"); break;
+        case '\t': put("\\t"); break;
         default: {
           char e[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 15]};
           put(e, 6);
@@ -303,9 +333,9 @@ void put_decode_header(Sink& out, const Message& message) {
   out.put_string(message.name);
   out.put(",\"id\":\"0x");
   out.put_hex(message.id & 0x7FFFFFFFu);
-  out.put(message.extended ? "\",\"extended\":true" : "\",\"extended\":false");
-  out.put(fd ? ",\"fd\":true" : ",\"fd\":false");
-  out.put(vxcli_dbc_is_brs(message) ? ",\"brs\":true" : ",\"brs\":false");
+  out.put_text(message.extended ? "\",\"extended\":true" : "\",\"extended\":false");
+  out.put_text(fd ? ",\"fd\":true" : ",\"fd\":false");
+  out.put_text(vxcli_dbc_is_brs(message) ? ",\"brs\":true" : ",\"brs\":false");
   out.put(",\"signals\":{");
 }
 
@@ -617,7 +647,7 @@ std::string vxcli_dbc_encode_json(const Message& message, const uint8_t* data, u
   snprintf(numbers, sizeof numbers, "\",\"dlc\":%u,\"extended\":%s,\"fd\":%s,\"brs\":%s,\"data\":\"",
            length, message.extended ? "true" : "false", fd ? "true" : "false",
            vxcli_dbc_is_brs(message) ? "true" : "false");
-  sink.put(numbers);
+  sink.put_text(numbers);
   static const char hex[] = "0123456789ABCDEF";
   for (uint32_t i = 0; i < length; i++) {
     sink.put(hex[data[i] >> 4]);
