@@ -1,4 +1,4 @@
-// Opening CAN channels by specification or legacy index, and device statistics.
+// Opening CAN channels by channel text or legacy index, and device statistics.
 #include <cstdio>
 #include <cstring>
 

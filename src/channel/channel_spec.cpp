@@ -1,4 +1,4 @@
-// Channel specification grammar, resolution against the enumeration, bitrates.
+// Channel text grammar, resolution against the enumeration, bitrates.
 #include <cctype>
 #include <cmath>
 #include <cstdio>

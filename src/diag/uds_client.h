@@ -10,7 +10,7 @@
 #include "diag/uds.h"
 
 struct vxcli_uds_session {
-  std::string channel;   // channel specification text
+  std::string channel;   // channel text (serial/port, unique id, index or name)
   std::string bitrate;   // optional bitrate text for opening the channel
   uint32_t request_id;
   uint32_t response_id;

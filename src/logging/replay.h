@@ -34,7 +34,7 @@ int vxcli_replay_parse_options(int count, char** words, vxcli_replay_options* op
 
 struct vxcli_replay_map {
   int asc_channel;  // recorded channel, 0-64
-  char spec[64];    // destination channel specification
+  char spec[64];    // destination channel (serial/port, unique id, index or name)
 };
 // Splits "N:spec"; 0, or -1 with the message to report.
 int vxcli_replay_parse_map(const char* text, vxcli_replay_map* map, char* message,
