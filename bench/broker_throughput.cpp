@@ -188,14 +188,18 @@ class Analyzer {
   }
   const std::string& error() const { return error_; }
 
-  // Sends `count` frames from another thread, as another node on the bus would.
-  std::thread send_async(uint64_t count) {
+  // Sends `count` frames from another thread, as another node on the bus
+  // would: as fast as possible, or paced at `per_second` in bursts of ten.
+  std::thread send_async(uint64_t count, uint64_t per_second = 0) {
     sending = true;
-    return std::thread([this, count] {
+    return std::thread([this, count, per_second] {
       VXMessage m{};
       m.id = 0x123;
       m.control = 8;
+      const auto start = std::chrono::steady_clock::now();
       for (uint64_t n = 0; n < count; ++n) {
+        if (per_second != 0 && n % 10 == 0)
+          std::this_thread::sleep_until(start + std::chrono::microseconds(n * 1000000 / per_second));
         std::memcpy(m.data, &n, sizeof n);
         VX_WriteCanMessage(tx, &m);
       }
@@ -244,9 +248,11 @@ void BM_AnalyzerDirect(benchmark::State& state) {
 }
 BENCHMARK(BM_AnalyzerDirect)->UseRealTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 
-// The broker's worker drains the same traffic for 1 or 4 readers.
+// The broker's worker drains the same traffic for 1, 4 or 16 readers;
+// range(1) paces the sender (frames/s, 0 = as fast as it goes).
 void BM_AnalyzerThroughBroker(benchmark::State& state) {
   const int readers = static_cast<int>(state.range(0));
+  const uint64_t rate = static_cast<uint64_t>(state.range(1));
   Analyzer analyzer;
   if (!analyzer.error().empty()) {
     state.SkipWithError(analyzer.error().c_str());
@@ -259,7 +265,7 @@ void BM_AnalyzerThroughBroker(benchmark::State& state) {
   for (auto _ : state) {
     vxcli_rx_channel_stats before{};
     vxcli_rx_broker_stats(kChannel, &before);
-    std::thread sender = analyzer.send_async(kAnalyzerFrames);
+    std::thread sender = analyzer.send_async(kAnalyzerFrames, rate);
     sender.join();
     sent += kAnalyzerFrames;
     // Until the worker has published everything that reached the device.
@@ -279,8 +285,10 @@ void BM_AnalyzerThroughBroker(benchmark::State& state) {
   state.counters["device_dropped"] = analyzer.dropped();
   vxcli_rx_broker_shutdown();
 }
-BENCHMARK(BM_AnalyzerThroughBroker)->Arg(1)->Arg(4)->UseRealTime()->Iterations(3)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_AnalyzerThroughBroker)
+    ->ArgsProduct({{1, 4, 16}, {0, 100000}})
+    ->ArgNames({"readers", "rate"})
+    ->UseRealTime()->MeasureProcessCPUTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

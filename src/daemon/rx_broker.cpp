@@ -14,6 +14,9 @@ namespace {
 
 constexpr int kWorkerSliceMs = 50;
 constexpr size_t kBatchChunk = 64;  // records copied per lock hold in a batch read
+// Messages the worker reads before publishing them under one lock hold with
+// one wake-up, so that many readers are not woken once per frame.
+constexpr int kDrainBatch = 32;
 
 struct ConsumerEntry {
   char name[VXCLI_RX_NAME_SIZE];
@@ -166,7 +169,7 @@ bool create_locks() {
 
 // --- Records. ---
 
-// Channel mutex held.
+// Channel mutex held. The caller wakes the readers.
 int publish_locked(int channel, BrokerChannel& ch, const VXMessage& message) {
   if (!ch.attached || ch.ring == nullptr) return -1;
   const uint64_t sequence = ch.head++;
@@ -192,7 +195,6 @@ int publish_locked(int channel, BrokerChannel& ch, const VXMessage& message) {
     ch.overwritten += 1;
     ch.oldest += 1;
   }
-  broadcast(channel);
   return 0;
 }
 
@@ -301,7 +303,7 @@ void* worker_main(void* arg) {
   const int channel = static_cast<int>(reinterpret_cast<intptr_t>(arg));
   BrokerChannel& ch = g_rx_channels[channel];
   const vxcli_rx_device_ops& ops = device_ops();
-  VXMessage message{};
+  VXMessage batch[kDrainBatch];
   for (;;) {
     VXHandle device = nullptr;
     VXNotifyHandle notification = 0;
@@ -335,17 +337,19 @@ void* worker_main(void* arg) {
 
     VXStatus status = VX_OK;
     uint64_t drained = 0;
-    while (!exclusive) {
-      status = ops.read(device, &message);
-      if (status != VX_OK) break;
+    while (!exclusive && status == VX_OK) {
+      int n = 0;
+      while (n < kDrainBatch && (status = ops.read(device, &batch[n])) == VX_OK) ++n;
+      if (n == 0) break;
       ChannelGuard guard(channel);
-      publish_locked(channel, ch, message);
-      ++drained;
+      for (int i = 0; i < n; ++i) publish_locked(channel, ch, batch[i]);
+      broadcast(channel);
+      drained += static_cast<uint64_t>(n);
       if (ch.stop) return nullptr;
       exclusive = ch.exclusive_requested;
     }
-    if (exclusive) continue;
     // An empty queue is how every drain ends; anything else is a read error.
+    // (A drain left for an exclusive request ended on a successful read.)
     const bool read_failed = (status & ~VX_ERR_QUEUE_EMPTY) != 0;
     const bool wait_failed = (waited & ~VX_ERR_QUEUE_EMPTY) != 0;
     ChannelGuard guard(channel);
@@ -483,7 +487,9 @@ int vxcli_rx_broker_is_attached(int channel) {
 int vxcli_rx_broker_publish(int channel, const VXMessage* message) {
   if (!usable(channel) || message == nullptr) return -1;
   ChannelGuard guard(channel);
-  return publish_locked(channel, g_rx_channels[channel], *message);
+  const int rc = publish_locked(channel, g_rx_channels[channel], *message);
+  if (rc == 0) broadcast(channel);
+  return rc;
 }
 
 int vxcli_rx_broker_cursor_open_named(int channel, int from_oldest, const char* name,

@@ -8,48 +8,35 @@
 
 #include "vxapi.h"
 
+constexpr uint32_t VXCLI_BUS_CAN = 1;
+constexpr uint32_t VXCLI_BUS_LIN = 2;
 
-enum : uint32_t {
-  VXCLI_BUS_CAN = 1,
-  VXCLI_BUS_LIN = 2,
-};
+constexpr uint32_t VXCLI_LIN_MODE_OFF = 0;
+constexpr uint32_t VXCLI_LIN_MODE_SLAVE = 1;
+constexpr uint32_t VXCLI_LIN_MODE_LOOPBACK = 2;
+constexpr uint32_t VXCLI_LIN_MODE_LISTEN = 3;
+constexpr uint32_t VXCLI_LIN_MODE_MASTER = 8;
 
-enum : uint32_t {
-  VXCLI_LIN_MODE_OFF = 0,
-  VXCLI_LIN_MODE_SLAVE = 1,
-  VXCLI_LIN_MODE_LOOPBACK = 2,
-  VXCLI_LIN_MODE_LISTEN = 3,
-  VXCLI_LIN_MODE_MASTER = 8,
-};
+constexpr uint8_t VXCLI_LIN_CHECKSUM_CLASSIC = 1;
+constexpr uint8_t VXCLI_LIN_CHECKSUM_ENHANCED = 2;
 
-enum : uint8_t {
-  VXCLI_LIN_CHECKSUM_CLASSIC = 1,
-  VXCLI_LIN_CHECKSUM_ENHANCED = 2,
-};
+constexpr uint32_t VXCLI_LIN_MASTER_WRITE = 0;
+constexpr uint32_t VXCLI_LIN_MASTER_READ = 1;
+constexpr uint32_t VXCLI_LIN_SYNC_BREAK = 2;
 
-enum : uint32_t {
-  VXCLI_LIN_MASTER_WRITE = 0,
-  VXCLI_LIN_MASTER_READ = 1,
-  VXCLI_LIN_SYNC_BREAK = 2,
-};
-
-enum : uint32_t {
-  VXCLI_LIN_OUTCOME_NONE = 0,
-  VXCLI_LIN_OUTCOME_OK = 1,
-  VXCLI_LIN_OUTCOME_WRITE_ERROR = 2,
-  VXCLI_LIN_OUTCOME_READ_ERROR = 3,
-  VXCLI_LIN_OUTCOME_HOST_TIMEOUT = 4,
-  VXCLI_LIN_OUTCOME_NO_RESPONSE = 5,
-  VXCLI_LIN_OUTCOME_UNEXPECTED = 6,
-  VXCLI_LIN_OUTCOME_PROTOCOL_ERROR = 7,
-};
+constexpr uint32_t VXCLI_LIN_OUTCOME_NONE = 0;
+constexpr uint32_t VXCLI_LIN_OUTCOME_OK = 1;
+constexpr uint32_t VXCLI_LIN_OUTCOME_WRITE_ERROR = 2;
+constexpr uint32_t VXCLI_LIN_OUTCOME_READ_ERROR = 3;
+constexpr uint32_t VXCLI_LIN_OUTCOME_HOST_TIMEOUT = 4;
+constexpr uint32_t VXCLI_LIN_OUTCOME_NO_RESPONSE = 5;
+constexpr uint32_t VXCLI_LIN_OUTCOME_UNEXPECTED = 6;
+constexpr uint32_t VXCLI_LIN_OUTCOME_PROTOCOL_ERROR = 7;
 
 // Status byte of a received LIN frame.
-enum : uint8_t {
-  VXCLI_LIN_STATUS_ERRORS = 0x7E,       // bits 1..6
-  VXCLI_LIN_STATUS_NO_RESPONSE = 0x40,
-  VXCLI_LIN_STATUS_HEADER_ONLY = 0x80,
-};
+constexpr uint8_t VXCLI_LIN_STATUS_ERRORS = 0x7E;       // bits 1..6
+constexpr uint8_t VXCLI_LIN_STATUS_NO_RESPONSE = 0x40;
+constexpr uint8_t VXCLI_LIN_STATUS_HEADER_ONLY = 0x80;
 
 // Option parsers: 0 with *out set, or -1 (unknown spelling, null out). Case-insensitive.
 int vxcli_parse_lin_bitrate(const char* text, uint16_t* out);

@@ -49,7 +49,7 @@ struct Capture {
   uint32_t filter_id;
   uint32_t filter_mask;
   long count;
-  const char* database;
+  const DbcLoadedFile* database;
   bool decode;
   // Running 64-bit device time built from the 32-bit clock, and the first frame's time.
   bool have_time;
@@ -178,9 +178,11 @@ bool handle_record(Capture& c, int index, const VXMessage& m) {
 
   vxcli_frame_print_options options = {g_config.format, c.open > 1, index, nullptr};
   char decoded[4096];
-  if (can && c.decode) {
+  if (can && c.decode && g_config.format != VXCLI_FORMAT_CSV) {
     int bytes = (can_frame.flags & VXCLI_FRAME_RTR) ? 0 : vxcli_dlc_to_bytes(can_frame.dlc);
-    if (vxcli_message_dbc_decode(can_frame.id, c.database, can_frame.data, bytes, decoded, sizeof decoded) == 0)
+    bool text = g_config.format == VXCLI_FORMAT_TEXT;
+    if (vxcli_message_dbc_decode(c.database, can_frame.id, can_frame.data, bytes, text, decoded,
+                                 sizeof decoded) == 0)
       options.decoded = decoded;
   }
 
@@ -206,7 +208,7 @@ bool handle_record(Capture& c, int index, const VXMessage& m) {
     return true;
   }
   if (can && options.decoded && g_config.format == VXCLI_FORMAT_TEXT) {
-    vxcli_json_writer_raw(&c.line, "    decoded ");
+    vxcli_json_writer_raw(&c.line, "    ");
     vxcli_json_writer_raw(&c.line, decoded);
     vxcli_json_writer_char(&c.line, '\n');
   }
@@ -330,7 +332,6 @@ int vxcli_message_recv_command(int count, char** words) {
   memset(&c, 0, sizeof c);
   c.count = frames;
   c.decode = o.decode;
-  c.database = o.database;
   c.filter_mask = 0x7FF;
   if (o.id) {
     long id = vxcli_parse_message_id_quiet(o.id, nullptr);
@@ -367,7 +368,14 @@ int vxcli_message_recv_command(int count, char** words) {
   for (int i = 0; i < n; i++) {
     entries[i] = vxcli_resolve_channel(infos, enumerated, &specs[i]);
     if (!entries[i]) {
-      vxcli_print_error("No matching channel found for %s", specs[i].device);
+      char piece[48];
+      if (specs[i].kind == VXCLI_SPEC_INDEX_OR_NAME && specs[i].index >= 0)
+        snprintf(piece, sizeof piece, "%d", specs[i].index);
+      else if (specs[i].port >= 0)
+        snprintf(piece, sizeof piece, "%s/%d", specs[i].device, specs[i].port);
+      else
+        snprintf(piece, sizeof piece, "%s", specs[i].device);
+      vxcli_print_error("No matching channel found for %s", piece);
       return 1;
     }
     uint32_t bus = 0;
@@ -387,6 +395,14 @@ int vxcli_message_recv_command(int count, char** words) {
   if (has_lin && o.decode) {
     vxcli_print_error("--decode is available only on CAN channels");
     return 1;
+  }
+  if (o.decode) {
+    char reason[320];
+    c.database = vxcli_message_dbc_open(o.database, reason, sizeof reason);
+    if (!c.database) {
+      vxcli_print_error("--decode needs a DBC database: %s", *reason ? reason : "none resolved");
+      return 1;
+    }
   }
   if (has_can && (o.mode || o.pullup || o.power || o.lin_version || o.checksum)) {
     vxcli_print_error("LIN-only options require a LIN channel");
@@ -431,9 +447,6 @@ int vxcli_message_recv_command(int count, char** words) {
       }
     }
   }
-  if (g_config.verbose)
-    fprintf(stderr, "Receiving on %d channel(s) (duration=%ss, count=%s)\n", c.open,
-            duration > 0 ? o.duration : "infinite", frames > 0 ? o.count : "infinite");
 
   struct sigaction action;
   memset(&action, 0, sizeof action);
@@ -443,6 +456,10 @@ int vxcli_message_recv_command(int count, char** words) {
   sigaction(SIGINT, &action, &old_int);
   sigaction(SIGTERM, &action, &old_term);
   g_recv_running = 1;
+  // Announced only once an interrupt can be handled, so callers may signal right away.
+  if (g_config.verbose)
+    fprintf(stderr, "Receiving on %d channel(s) (duration=%ss, count=%s)\n", c.open,
+            duration > 0 ? o.duration : "infinite", frames > 0 ? o.count : "infinite");
 
   capture(c, static_cast<uint64_t>(std::llround(duration * 1000.0)));
 

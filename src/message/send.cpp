@@ -77,7 +77,7 @@ struct CanFrame {
 };
 
 // DBC message by name (or id with signals): identifier, flags and payload.
-int encode_from_dbc(const SendOptions& o, CanFrame* frame) {
+int encode_from_dbc(const SendOptions& o, long id_number, CanFrame* frame) {
   const char* names[kMaxSignals];
   double values[kMaxSignals];
   char assignment[256][128];
@@ -104,7 +104,11 @@ int encode_from_dbc(const SendOptions& o, CanFrame* frame) {
   char reason[320];
   int length = 0;
   uint32_t id = 0, flags = 0;
-  if (vxcli_message_dbc_encode(o.message, o.database, n, names, values, frame->data, &length, &id,
+  // A numeric message selects by identifier; the text was already parsed (and noted) once.
+  char selector[24];
+  if (id_number >= 0) snprintf(selector, sizeof selector, "0x%lX", id_number);
+  if (vxcli_message_dbc_encode(id_number >= 0 ? selector : o.message, o.database, n, names, values,
+                               frame->data, &length, &id,
                                &flags, reason, sizeof reason) != 0) {
     if (n == 0 && starts_like_number(o.message))
       vxcli_print_error("Invalid message ID: %s", o.message);
@@ -170,7 +174,7 @@ int send_can(const SendOptions& o, long id, const VXChannelInfo& info, long coun
       vxcli_print_error("--data cannot be combined with --signal");
       return 1;
     }
-    if (encode_from_dbc(o, &frame) != 0) return 1;
+    if (encode_from_dbc(o, id, &frame) != 0) return 1;
   } else {
     frame.id = static_cast<uint32_t>(id);
   }

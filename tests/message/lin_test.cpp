@@ -99,17 +99,6 @@ TEST(LinOptions, ModesElectricalVersionChecksumOperation) {
   EXPECT_EQ(vxcli_parse_lin_operation("data", &m), -1);
 }
 
-TEST(LinNames, Tables) {
-  EXPECT_STREQ(vxcli_lin_mode_name(8), "master");
-  EXPECT_STREQ(vxcli_lin_mode_name(2), "internal-loopback");
-  EXPECT_STREQ(vxcli_lin_mode_name(5), "unknown");
-  EXPECT_STREQ(vxcli_lin_checksum_name(0), "classic");
-  EXPECT_STREQ(vxcli_lin_operation_name(7), "master-write");
-  EXPECT_STREQ(vxcli_lin_outcome_name(6), "unexpected-response");
-  EXPECT_STREQ(vxcli_lin_outcome_name(7), "protocol-error");
-  EXPECT_STREQ(vxcli_lin_outcome_name(8), "none");
-}
-
 TEST(LinOutcome, MasterRead) {
   EXPECT_EQ(vxcli_lin_classify(VXCLI_LIN_MASTER_READ, 8, 8, 0), VXCLI_LIN_OUTCOME_OK);
   EXPECT_EQ(vxcli_lin_classify(VXCLI_LIN_MASTER_READ, 8, 8, 1), VXCLI_LIN_OUTCOME_OK);
