@@ -142,29 +142,28 @@ void broadcast(int channel) { pthread_cond_broadcast(&g_locks[channel].cond); }
 uint64_t take_epoch() { return g_next_epoch.fetch_add(1, std::memory_order_relaxed); }
 
 bool create_locks() {
-  for (uint32_t i = 0; i < VXCLI_RX_CHANNELS; ++i) {
-    pthread_condattr_t attr;
-    bool ok = pthread_condattr_init(&attr) == 0;
-    ok = ok && pthread_condattr_setclock(&attr, CLOCK_MONOTONIC) == 0;
-    if (ok && pthread_mutex_init(&g_locks[i].mutex, nullptr) != 0) {
-      pthread_condattr_destroy(&attr);
-      ok = false;
-    } else if (ok && pthread_cond_init(&g_locks[i].cond, &attr) != 0) {
-      pthread_mutex_destroy(&g_locks[i].mutex);
-      pthread_condattr_destroy(&attr);
-      ok = false;
-    } else if (ok) {
-      pthread_condattr_destroy(&attr);
-    }
-    if (!ok) {
-      for (uint32_t j = 0; j < i; ++j) {
-        pthread_cond_destroy(&g_locks[j].cond);
-        pthread_mutex_destroy(&g_locks[j].mutex);
-      }
-      return false;
+  pthread_condattr_t attr;
+  if (pthread_condattr_init(&attr) != 0) return false;
+  // Deadlines are computed on the monotonic clock.
+  if (pthread_condattr_setclock(&attr, CLOCK_MONOTONIC) != 0) {
+    pthread_condattr_destroy(&attr);
+    return false;
+  }
+  uint32_t made = 0;
+  for (; made < VXCLI_RX_CHANNELS; ++made) {
+    if (pthread_mutex_init(&g_locks[made].mutex, nullptr) != 0) break;
+    if (pthread_cond_init(&g_locks[made].cond, &attr) != 0) {
+      pthread_mutex_destroy(&g_locks[made].mutex);
+      break;
     }
   }
-  return true;
+  pthread_condattr_destroy(&attr);
+  if (made == VXCLI_RX_CHANNELS) return true;
+  for (uint32_t i = 0; i < made; ++i) {
+    pthread_cond_destroy(&g_locks[i].cond);
+    pthread_mutex_destroy(&g_locks[i].mutex);
+  }
+  return false;
 }
 
 // --- Records. ---

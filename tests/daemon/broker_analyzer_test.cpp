@@ -1,5 +1,5 @@
-// The broker's worker on a real channel of the virtual analyzer: 10356/0 and
-// 10357/0 share bus 0, so what one sends the other's worker must deliver.
+// The worker on a real channel of the virtual analyzer: 10356/0 and 10357/0
+// share bus 0, so what one sends the other's worker must deliver.
 #include "broker_util.h"
 
 #include <cstdlib>
@@ -25,8 +25,7 @@ class BrokerOnAnalyzer : public brokertest::BrokerTest {
     library_up = true;
     rx = vxcli_open_can_channel_ex("10357/0", nullptr, VX_CAN_MODE_NORMAL, 0, nullptr);
     tx = vxcli_open_can_channel_ex("10356/0", nullptr, VX_CAN_MODE_NORMAL, 0, nullptr);
-    ASSERT_NE(nullptr, rx);
-    ASSERT_NE(nullptr, tx);
+    ASSERT_TRUE(rx != nullptr && tx != nullptr);
     VXNotifyHandle notify = 0;
     ASSERT_EQ(VX_OK, VX_GetNotification(rx, &notify));
     ASSERT_EQ(0, vxcli_rx_broker_attach(kSlot, rx, notify, 8192));
@@ -39,8 +38,7 @@ class BrokerOnAnalyzer : public brokertest::BrokerTest {
     sandbox.reset();
     unsetenv("VXSIM_DIR");
   }
-
-  // Frame n carries n in its first four data bytes.
+  // Frame n carries n in its first data bytes.
   void send(uint32_t n, uint32_t id) {
     VXMessage m{};
     m.id = id;
@@ -61,67 +59,46 @@ class BrokerOnAnalyzer : public brokertest::BrokerTest {
 };
 
 TEST_F(BrokerOnAnalyzer, WorkerDeliversBusTrafficInOrder) {
-  vxcli_rx_cursor all{};
-  vxcli_rx_cursor some{};
-  vxcli_rx_filter low{};
-  low.range_enabled = 1;
-  low.range_low = 0x100;
-  low.range_high = 0x17F;
-  ASSERT_EQ(0, vxcli_rx_broker_cursor_open_named(kSlot, 0, "logging", nullptr, &all));
-  ASSERT_EQ(0, vxcli_rx_broker_cursor_open_named(kSlot, 0, "isotp", &low, &some));
-
+  const vxcli_rx_filter low = {0, 0, 1, 0x100, 0x17F, 0, 0};
+  vxcli_rx_cursor all = open(kSlot, 0, "logging");
+  vxcli_rx_cursor some = open(kSlot, 0, "isotp", &low);
   constexpr uint32_t kFrames = 2048;  // identifiers cycle 0x100..0x1FF eight times
   for (uint32_t n = 0; n < kFrames; ++n) send(n, 0x100 + (n % 0x100));
 
   std::vector<vxcli_rx_record> batch(128);
   uint32_t next = 0;
+  uint64_t faults = 0;
   uint64_t last_time = 0;
-  bool ordered = true;
   while (next < kFrames) {
     size_t count = 0;
     ASSERT_EQ(1, vxcli_rx_broker_read_batch(&all, batch.data(), batch.size(), &count, 10000))
         << "after frame " << next;
     for (size_t i = 0; i < count; ++i, ++next) {
       const VXMessage& m = batch[i].message;
-      ordered = ordered && number_of(m) == next && m.id == 0x100 + (next % 0x100) &&
-                (m.header & VX_MSG_TYPE_MASK) == VX_MSG_TYPE_CAN && !(m.header & VX_MSG_TX) &&
-                batch[i].channel == kSlot && batch[i].timestamp64 >= last_time;
+      faults += number_of(m) != next || m.id != 0x100 + (next % 0x100) ||
+                (m.header & VX_MSG_TYPE_MASK) != VX_MSG_TYPE_CAN || (m.header & VX_MSG_TX) ||
+                batch[i].channel != kSlot || batch[i].timestamp64 < last_time;
       last_time = batch[i].timestamp64;
     }
   }
-  EXPECT_TRUE(ordered);
+  EXPECT_EQ(0u, faults);
   EXPECT_EQ(0u, all.lost);
-
-  // The filtered reader saw exactly the identifiers 0x100..0x17F.
-  uint32_t admitted = 0;
-  for (;;) {
-    size_t count = 0;
-    if (vxcli_rx_broker_read_batch(&some, batch.data(), batch.size(), &count, 0) != 1) break;
-    for (size_t i = 0; i < count; ++i) {
-      EXPECT_LE(batch[i].message.id, 0x17Fu);
-      ++admitted;
-    }
-  }
-  EXPECT_EQ(kFrames / 2, admitted);
+  size_t count = 0;  // everything is buffered by now: drain the filtered cursor
+  while (vxcli_rx_broker_read_batch(&some, batch.data(), batch.size(), &count, 0) == 1) continue;
+  EXPECT_EQ(kFrames / 2, some.delivered);
   EXPECT_EQ(kFrames / 2, some.filtered);
-
-  vxcli_rx_channel_stats s{};
-  ASSERT_EQ(0, vxcli_rx_broker_stats(kSlot, &s));
-  EXPECT_EQ(kFrames, s.published);
-  EXPECT_EQ(0u, s.read_errors);
+  EXPECT_EQ(0u, stats(kSlot).read_errors);
 }
 
 TEST_F(BrokerOnAnalyzer, ExclusiveSessionHandsTheDeviceToTheHolder) {
-  vxcli_rx_cursor cursor{};
-  ASSERT_EQ(0, vxcli_rx_broker_cursor_open(kSlot, 0, &cursor));
+  vxcli_rx_cursor cursor = open(kSlot, 0);
   send(1, 0x10);
   vxcli_rx_record r{};
   ASSERT_EQ(1, vxcli_rx_broker_read(&cursor, &r, 10000));
 
   ASSERT_EQ(0, vxcli_rx_broker_exclusive_begin(kSlot, 5000));
   for (uint32_t n = 2; n <= 6; ++n) send(n, 0x20);
-  // The holder reads the device itself; the worker must not take anything.
-  for (uint32_t n = 2; n <= 6; ++n) {
+  for (uint32_t n = 2; n <= 6; ++n) {  // the worker leaves every frame to the holder
     VXMessage m{};
     ASSERT_EQ(VX_OK, VX_Read(rx, &m, 5000, nullptr));
     EXPECT_EQ(n, number_of(m));
@@ -133,9 +110,7 @@ TEST_F(BrokerOnAnalyzer, ExclusiveSessionHandsTheDeviceToTheHolder) {
   ASSERT_EQ(1, vxcli_rx_broker_read(&cursor, &r, 10000));
   EXPECT_EQ(7u, number_of(r.message));
   EXPECT_EQ(1u, r.sequence);
-  vxcli_rx_channel_stats s{};
-  ASSERT_EQ(0, vxcli_rx_broker_stats(kSlot, &s));
-  EXPECT_EQ(2u, s.published);
+  EXPECT_EQ(2u, stats(kSlot).published);
 }
 
 }  // namespace

@@ -9,12 +9,11 @@
 
 namespace brokertest {
 
-using Message = VXMessage;
-
-// A CAN frame as the library delivers it: 29-bit identifiers keep their top
-// 11 bits in bits 0..10 and the low 18 bits in bits 11..28.
-inline Message can_frame(uint32_t id, bool extended, uint32_t timestamp, bool tx = false) {
-  Message m{};
+// A CAN frame as the library delivers it (29-bit identifiers split as the
+// library stores them).
+inline VXMessage can_frame(uint32_t id, bool extended = false, uint32_t timestamp = 0,
+                           bool tx = false) {
+  VXMessage m{};
   m.header = static_cast<uint16_t>(VX_MSG_HEADER_CAN | (tx ? VX_MSG_TX : 0));
   m.length = VX_MSG_PAYLOAD_LEN;
   m.timestamp = timestamp;
@@ -24,30 +23,18 @@ inline Message can_frame(uint32_t id, bool extended, uint32_t timestamp, bool tx
   return m;
 }
 
-inline Message lin_frame(uint8_t id, uint32_t timestamp) {
-  Message m{};
-  m.header = VX_MSG_HEADER_LIN;
-  m.length = VX_MSG_PAYLOAD_LEN;
-  m.timestamp = timestamp;
-  m.id = id;
-  return m;
-}
-
-// A frame whose bytes from offset 13 on all derive from n, so that a record
-// mixed from two publishes is detectable.
-inline Message patterned(uint64_t n) {
-  Message m = can_frame(static_cast<uint32_t>(n & 0x7FF), false, static_cast<uint32_t>(n));
+// Frame n: every byte from offset 13 on derives from n, so a record mixed
+// from two publishes is detectable.
+inline VXMessage patterned(uint64_t n) {
+  VXMessage m = can_frame(static_cast<uint32_t>(n & 0x7FF), false, static_cast<uint32_t>(n));
   auto* bytes = reinterpret_cast<uint8_t*>(&m);
   for (size_t i = 13; i < sizeof m; ++i) bytes[i] = static_cast<uint8_t>(n * 31 + i);
   return m;
 }
 
-inline bool same_message(const Message& a, const Message& b) {
-  return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
 inline bool is_patterned(const vxcli_rx_record& r) {
-  return same_message(patterned(r.sequence), r.message);
+  const VXMessage expect = patterned(r.sequence);
+  return std::memcmp(&expect, &r.message, sizeof expect) == 0;
 }
 
 class BrokerTest : public ::testing::Test {
@@ -57,14 +44,29 @@ class BrokerTest : public ::testing::Test {
     vxcli_rx_broker_shutdown();
     vxcli_rx_broker_set_device_ops(nullptr);
   }
-
-  static void publish(int channel, const Message& m) {
-    ASSERT_EQ(0, vxcli_rx_broker_publish(channel, &m));
+  static void publish(int channel, uint64_t first, uint64_t last) {
+    for (uint64_t n = first; n <= last; ++n) {
+      const VXMessage m = patterned(n);
+      ASSERT_EQ(0, vxcli_rx_broker_publish(channel, &m));
+    }
   }
   static vxcli_rx_channel_stats stats(int channel) {
     vxcli_rx_channel_stats s{};
     EXPECT_EQ(0, vxcli_rx_broker_stats(channel, &s));
     return s;
+  }
+  static vxcli_rx_cursor open(int channel, int from_oldest, const char* name = nullptr,
+                              const vxcli_rx_filter* filter = nullptr) {
+    vxcli_rx_cursor c{};
+    EXPECT_EQ(0, vxcli_rx_broker_cursor_open_named(channel, from_oldest, name, filter, &c));
+    return c;
+  }
+  // Reads once without waiting; the record's sequence or 0 in *sequence.
+  static int poll(vxcli_rx_cursor* c, uint64_t* sequence = nullptr) {
+    vxcli_rx_record r{};
+    const int rc = vxcli_rx_broker_read(c, &r, 0);
+    if (sequence != nullptr) *sequence = rc == 1 ? r.sequence : 0;
+    return rc;
   }
 };
 
