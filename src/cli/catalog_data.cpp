@@ -102,7 +102,7 @@ constexpr Option kIsotpBitrate{"--bitrate=<rate>", "standalone only", "500/2000"
 
 // XCP.
 constexpr Option kXcpDatabase{"--database=<name|file>", "no", "configured A2L", nullptr,
-                              "A2L resource or file describing the ECU.", nullptr, nullptr,
+                              "A2L resource or file describing the ECU.", "string", nullptr,
                               "--a2l"};
 constexpr Option kXcpA2l{"--a2l=<file>", "no", "configured A2L", nullptr, "A2L file.", nullptr,
                          nullptr, "--database"};
@@ -114,7 +114,7 @@ constexpr Option kXcpDaqList{"--list=<index>", "no", "all lists", nullptr, "DAQ 
 
 // Modbus link.
 constexpr Option kMbDevice{"--device=<tty|host[:port]>", "yes", nullptr, nullptr,
-                           "Serial device for RTU/ASCII, or TCP host with optional port."};
+                           "Serial device for RTU/ASCII, or TCP host with optional port.", "string"};
 constexpr Option kMbTransport{"--transport=<rtu|ascii|tcp>", "no", "tcp for a host, else rtu",
                               nullptr, "Modbus transport."};
 constexpr Option kMbBaud{"--baud=<bps>", "no", "19200", "bps", "Serial bitrate (RTU/ASCII)."};
@@ -125,7 +125,7 @@ constexpr Option kMbUnit{"--unit=<id>", "no", "1", nullptr, "Modbus unit (slave)
 constexpr Option kMbTimeout{"--timeout=<milliseconds>", "no", "1000", "ms",
                             "Response timeout."};
 constexpr Option kMbProfile{"--database=<name|file>", "no", "sole loaded profile", nullptr,
-                            "EdgeX Modbus device profile resource or file."};
+                            "EdgeX Modbus device profile resource or file.", "string"};
 constexpr Option kMbResource{"--resource=<name>", "yes", nullptr, nullptr,
                              "Device resource of the profile."};
 constexpr Option kMbCommand{"--command=<name>", "yes", nullptr, nullptr,
@@ -137,15 +137,15 @@ constexpr Option kDbFile{"--file=<path>", "yes", nullptr, nullptr, "Database fil
 constexpr Option kDbName{"--name=<resource>", "no", "file name without extension", nullptr,
                          "Registry name of the resource."};
 constexpr Option kDbDatabase{"--database=<name|file>", "no", "sole loaded DBC", nullptr,
-                             "Registered resource or direct file.", nullptr, nullptr, "--dbc"};
+                             "Registered resource or direct file.", "string", nullptr, "--dbc"};
 constexpr Option kDbDbc{"--dbc=<file>", "no", "sole loaded DBC", nullptr, "DBC file.", nullptr,
                         nullptr, "--database"};
 constexpr Option kLdfDatabase{"--database=<name|file>", "no", "sole loaded LDF", nullptr,
-                              "Registered resource or direct file.", nullptr, nullptr, "--ldf"};
+                              "Registered resource or direct file.", "string", nullptr, "--ldf"};
 constexpr Option kLdfLdf{"--ldf=<file>", "no", "sole loaded LDF", nullptr, "LDF file.", nullptr,
                          nullptr, "--database"};
 constexpr Option kA2lDatabase{"--database=<name|file>", "no", "sole loaded A2L", nullptr,
-                              "Registered resource or direct file.", nullptr, nullptr, "--a2l"};
+                              "Registered resource or direct file.", "string", nullptr, "--a2l"};
 constexpr Option kA2lA2l{"--a2l=<file>", "no", "sole loaded A2L", nullptr, "A2L file.", nullptr,
                          nullptr, "--database"};
 constexpr Option kInspectFile{"--file=<path>", "no", nullptr, nullptr,
@@ -1508,7 +1508,7 @@ const Row kRows[] = {
      OP},
 
     {"xcp", "measurement", nullptr,
-     "vxcli xcp measurement read <name> [options]",
+     "vxcli xcp measurement <read> <name> [options]",
      "Read A2L measurements from the ECU.",
      "read",
      {},
@@ -1756,7 +1756,7 @@ const Row kRows[] = {
      OP},
 
     {"modbus", "fifo", nullptr,
-     "vxcli modbus fifo read --device=<tty|host> --address=<register> [options]",
+     "vxcli modbus fifo <read> --device=<tty|host> --address=<register> [options]",
      "Read Modbus FIFO queues.",
      "read",
      {},
