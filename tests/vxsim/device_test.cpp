@@ -312,4 +312,16 @@ TEST_F(DeviceTest, ServiceStopsWhenIdleOrItsDirectoryIsRemoved) {
   uint32_t count = 0;
   EXPECT_EQ(VX_Enumerate(nullptr, &count), VX_OK);  // a new service starts on demand
   EXPECT_EQ(count, 16u);
+
+  // Even a service that was killed is replaced; its channels are gone.
+  VXHandle doomed = open_can("10356", 1);
+  pid = service_pid(dir);
+  ASSERT_GT(pid, 0);
+  kill(pid, SIGKILL);
+  EXPECT_TRUE(gone_within(pid, 2000));
+  EXPECT_EQ(VX_Enumerate(nullptr, &count), VX_OK);
+  EXPECT_EQ(count, 16u);
+  EXPECT_EQ(VX_WriteCanMessage(doomed, &m), VX_ERR_NO_DRIVER);
+  EXPECT_EQ(VX_Close(doomed), VX_OK);
+  EXPECT_NE(open_can("10356", 1), nullptr);
 }
