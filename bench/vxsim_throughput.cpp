@@ -10,11 +10,13 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "cli/hooks.h"
 #include "vxapi.h"
 
 extern char** environ;
@@ -46,8 +48,17 @@ VXHandle open_can(const char* serial, unsigned port, uint32_t rx_queue, uint32_t
   return VX_OpenEx(&h, info, VX_CAN_MODE_NORMAL, 120, &b, rx_queue, flags) == VX_OK ? h : nullptr;
 }
 
+// Loads libvxapi64.so from the program's directory, as vxcli does.
+bool load_library() {
+  char message[256];
+  if (vxcli_device_library_load(message, sizeof message) == 0) return true;
+  std::fprintf(stderr, "%s\n", message);
+  return false;
+}
+
 // The sender, run as a separate process (this binary with VXSIM_BENCH_ROLE set).
 int sender(uint32_t count) {
+  if (!load_library()) return 1;
   VX_Init();
   VXHandle h = open_can("10356", 0, 64, VX_OPEN_NO_TX_CONFIRM);
   if (!h) return 2;
@@ -101,6 +112,10 @@ double now_s() {
 void BM_CrossProcessFrames(benchmark::State& state) {
   (void)g_role;
   private_hardware();
+  if (!load_library()) {
+    state.SkipWithError("cannot load libvxapi64.so");
+    return;
+  }
   VX_Init();
   VXHandle rx = open_can("10357", 0, 1 << 18, 0);
   if (!rx) {

@@ -170,7 +170,8 @@ VXAPI_STATIC_ASSERT(offsetof(VXBitrate, nominal_sample) == 4, "nominal sample po
 #define VX_CAN_MODE_NORMAL      0u /* on the bus; CAN FD enabled when the port has VX_CAP_CANFD */
 #define VX_CAN_MODE_CLASSIC     1u /* on the bus, classic CAN only: FD frames are refused and not received */
 #define VX_CAN_MODE_LISTEN_ONLY 2u /* receives everything, never transmits (writes give VX_ERR_INVALID_OPERATION) */
-#define VX_CAN_MODE_LOOPBACK    3u /* internal loopback: own frames come back as TX confirmation and RX; nothing reaches the bus */
+#define VX_CAN_MODE_LOOPBACK    3u /* internal loopback: own frames come back as TX confirmation only; nothing reaches
+                                      the bus and bus traffic is not received */
 
 /* LIN channels (ports with VX_CAP_LIN). */
 #define VX_LIN_MODE_OFF         0u /* passive: neither sends nor receives */
@@ -542,7 +543,10 @@ VXAPI_EXPORT VXStatus VX_Enumerate(VXChannelInfo* entries, uint32_t* count);
  *               LIN 1000..20000 bit/s or 0 = automatic in slave mode)
  *   rx_queue    receive queue capacity in records (0 = 16384; at most 1048576)
  *   flags       VX_OPEN_*
- * The channel is on the bus when the call returns. Errors:
+ * The channel is on the bus when the call returns. Opening initialises the
+ * port's controller, which all channels on the port share: its bitrate and
+ * resistor become the ones given here, and a bus-off state is cleared.
+ * Errors:
  * VX_ERR_INVALID_PARAM_VALUE (null pointer, bad mode/bitrate/queue size),
  * VX_ERR_INVALID_HARDWARE (no such device/port, or unplugged),
  * VX_ERR_OUT_OF_RESOURCE (too many open channels), VX_ERR_NO_DRIVER. */
@@ -555,9 +559,10 @@ VXAPI_EXPORT VXStatus VX_OpenEx(VXHandle* handle, const VXChannelInfo* info, uin
  * for an unknown or already closed handle. */
 VXAPI_EXPORT VXStatus VX_Close(VXHandle handle);
 
-/* Puts the channel on the bus. Channels are active after VX_OpenEx, so this
- * is only needed after VX_RecoverBusOff failed or to confirm a freshly
- * written TX task table; calling it on an active channel is harmless. */
+/* Confirms that the channel is on the bus: VX_OK for an open channel,
+ * VX_ERR_INVALID_HARDWARE after an unplug. Channels are active from
+ * VX_OpenEx on and TX tasks start when written, so calling it after
+ * VX_SetTxTasks (as callers used to other hardware do) is harmless. */
 VXAPI_EXPORT VXStatus VX_Activate(VXHandle handle);
 
 /* Takes the oldest record from the channel's receive queue. With
@@ -568,7 +573,10 @@ VXAPI_EXPORT VXStatus VX_Activate(VXHandle handle);
  * full queue (no record is taken by that call; the next call continues with
  * the records that were kept), VX_ERR_INVALID_HARDWARE after an unplug.
  * Own transmissions come back as records with VX_MSG_TX set (TX
- * confirmation) unless the channel was opened with VX_OPEN_NO_TX_CONFIRM. */
+ * confirmation) unless the channel was opened with VX_OPEN_NO_TX_CONFIRM;
+ * frames other applications send on the same port, and frames of the port's
+ * TX tasks, also carry VX_MSG_TX. VX_ERR_NO_DRIVER once the device service
+ * has stopped (the channel must be opened again). */
 VXAPI_EXPORT VXStatus VX_Read(VXHandle handle, VXMessage* message, uint32_t timeout_ms,
                               uint32_t* pending);
 
@@ -605,6 +613,9 @@ VXAPI_EXPORT VXStatus VX_WriteCanMessage(VXHandle handle, const VXMessage* messa
  *     checksum); a message without VX_LIN_CTRL_MASTER_DATA and length 0
  *     removes the response.
  *   listen-only, off  VX_ERR_INVALID_OPERATION.
+ * Note that on a master a message with VX_LIN_CTRL_MASTER_DATA is sent as a
+ * master-write frame; responses of a master's own port are set with
+ * VX_SetTxTasks (VX_TXTASK_KIND_LIN_RESPONSE entries).
  * `flags` must be 0. `timeout_ms` and `timestamp` as in VX_Write. Errors:
  * VX_ERR_INVALID_PARAM_VALUE (identifier above 0x3F, length above 8),
  * VX_ERR_INVALID_OPERATION (CAN channel or unsuitable mode). */
@@ -664,7 +675,15 @@ VXAPI_EXPORT VXStatus VX_RecoverBusOff(VXHandle handle);
  * above 64 or an entry in use is malformed (CAN kinds on a LIN port or the
  * reverse, cycle 0 with rounds other than 1, length or identifier out of
  * range, pattern width above 32). On a LIN port this also clears the
- * responses stored with VX_WriteLinMessage. */
+ * responses stored with VX_WriteLinMessage.
+ * Kinds: VX_TXTASK_KIND_CAN on CAN ports; on LIN ports
+ * VX_TXTASK_KIND_LIN_RESPONSE (answers headers for lin_id, not scheduled)
+ * and VX_TXTASK_KIND_LIN_HEADER (the port sends the header of lin_id every
+ * cycle as a master: master-read, master-write with VX_LINTASK_MASTER_WRITE,
+ * sync-break with VX_LINTASK_SYNC_BREAK; completions arrive like those of
+ * VX_WriteLinMessage). Patterns: the first transmission uses the entry's own
+ * value clamped into [inc_min, inc_max]; INCDATA/INCID then add inc_step
+ * and start again at inc_min after passing inc_max. */
 VXAPI_EXPORT VXStatus VX_SetTxTasks(VXHandle handle, const VXTxTask* tasks, uint32_t count);
 
 /* Copies the first `count` entries (1..64) of the port's TX task table. */
@@ -697,10 +716,13 @@ VXAPI_EXPORT VXStatus VX_GetDataPtpTimestamp(VXHandle handle, const VXMessage* m
  * first channel's device, so that their 32-bit timestamps compare directly. */
 VXAPI_EXPORT VXStatus VX_SyncPtpTimes(const VXHandle* handles, uint32_t count);
 
-/* Changes an open CAN channel in place, without closing it. The change
- * applies to this channel only; frames between channels whose nominal
- * bitrates differ are not received. VX_ERR_INVALID_OPERATION on LIN channels,
- * VX_ERR_INVALID_PARAM_VALUE for values out of range. */
+/* Change an open CAN channel in place, without closing it. Bitrate and
+ * termination belong to the port's controller and so apply to every channel
+ * on the port; frames between ports whose nominal bitrates differ are not
+ * received. The mode applies to this channel (VX_CAN_MODE_CLASSIC stops FD
+ * reception and transmission at once). VX_ERR_INVALID_OPERATION on LIN
+ * channels, VX_ERR_INVALID_PARAM_VALUE for values out of range (termination
+ * 0 means 120 ohm). */
 VXAPI_EXPORT VXStatus VX_SetCanBitrate(VXHandle handle, const VXBitrate* bitrate);
 VXAPI_EXPORT VXStatus VX_SetCanMode(VXHandle handle, uint32_t mode);
 VXAPI_EXPORT VXStatus VX_SetCanTermination(VXHandle handle, uint32_t ohm);

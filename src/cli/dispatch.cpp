@@ -11,8 +11,10 @@
 #include "cli/hooks.h"
 #include "cli/output.h"
 #include "daemon/client.h"
+#include "message/message.h"
 #include "database/commands.h"
 #include "database/ldf.h"
+#include "diag/commands.h"
 
 namespace {
 
@@ -149,7 +151,7 @@ int local_first(int count, char** words, bool* handled) {
     }
     return not_available("channel", "autoset");
   }
-  if (is(w1, "uds") && is(w2, "discover")) return not_available("uds", "discover");
+  if (is(w1, "uds") && is(w2, "discover")) return vxcli_uds_discover_command(count - 2, words + 2);
   if (is(w1, "doctor")) return not_available("doctor");
   if (is(w1, "web")) {
     if (!one_of(w2, {"start", "stop", "status"})) {
@@ -223,7 +225,8 @@ int standalone(int count, char** words) {
       vxcli_print_error("message requires an action");
       return 1;
     }
-    if (is(w2, "send") || is(w2, "recv")) return not_available("message", w2);
+    if (is(w2, "send")) return vxcli_message_send_command(n2, after2);
+    if (is(w2, "recv")) return vxcli_message_recv_command(n2, after2);
     vxcli_print_error("unknown message action '%s'", w2);
     return 1;
   }
@@ -297,7 +300,9 @@ int standalone(int count, char** words) {
       vxcli_print_error("isotp requires an action");
       return 1;
     }
-    if (one_of(w2, {"send", "recv", "ecu-sim"})) return not_available("isotp", w2);
+    if (is(w2, "send")) return vxcli_isotp_send_command(count - 2, words + 2);
+    if (is(w2, "recv")) return vxcli_isotp_recv_command(count - 2, words + 2);
+    if (is(w2, "ecu-sim")) return vxcli_isotp_ecu_sim_command(count - 2, words + 2);
     vxcli_print_error("unknown isotp action '%s'", w2);
     return 1;
   }
@@ -314,9 +319,15 @@ int standalone(int count, char** words) {
       vxcli_print_error("uds config %s requires daemon mode; start daemon first", w3);
       return 1;
     }
-    if (one_of(w2, {"request", "load", "save", "list", "unlock", "download", "dtc"})) return not_available("uds", w2);
+    if (is(w2, "request")) return vxcli_uds_request_command(count - 2, words + 2);
+    if (is(w2, "load")) return vxcli_uds_load_command(count - 2, words + 2);
+    if (is(w2, "save")) return vxcli_uds_save_command(count - 2, words + 2);
+    if (is(w2, "list")) return vxcli_uds_list_command(count - 2, words + 2);
+    if (is(w2, "unlock")) return vxcli_uds_unlock_command(count - 2, words + 2);
+    if (is(w2, "download")) return vxcli_uds_download_command(count - 2, words + 2);
+    if (is(w2, "dtc")) return vxcli_uds_dtc_command(count - 2, words + 2);
     if (is(w2, "present")) {
-      if (is(w3, "send")) return not_available("uds", "present", "send");
+      if (is(w3, "send")) return vxcli_uds_present_send_command(count - 3, words + 3);
       if (one_of(w3, {"start", "stop", "status"})) {
         vxcli_print_error("uds present %s requires daemon mode; start daemon first", w3);
         return 1;

@@ -12,9 +12,11 @@
 
 namespace {
 
-constexpr uint32_t kQueueEmpty = 0x20;  // the device library's "receive queue empty"
 constexpr int kWorkerSliceMs = 50;
 constexpr size_t kBatchChunk = 64;  // records copied per lock hold in a batch read
+// Messages the worker reads before publishing them under one lock hold with
+// one wake-up, so that many readers are not woken once per frame.
+constexpr int kDrainBatch = 32;
 
 struct ConsumerEntry {
   char name[VXCLI_RX_NAME_SIZE];
@@ -33,8 +35,8 @@ struct ConsumerEntry {
 struct BrokerChannel {
   vxcli_rx_record* ring;
   uint64_t capacity;
-  vxcli_rx_device_handle device;
-  vxcli_rx_notify_handle notification;
+  VXHandle device;
+  VXNotifyHandle notification;
   uint64_t epoch;
   uint64_t oldest;  // sequence of the oldest record in the ring
   uint64_t head;    // sequence the next record gets
@@ -79,16 +81,12 @@ std::atomic<const vxcli_rx_device_ops*> g_device_ops{nullptr};
 
 // --- Device access: the only place that calls the device library. ---
 
-uint32_t library_wait(vxcli_rx_notify_handle notification, int timeout_ms) {
-  (void)notification;
-  (void)timeout_ms;
-  return kQueueEmpty;  // replaced by the device library call
+VXStatus library_wait(VXNotifyHandle notification, uint32_t timeout_ms) {
+  return VX_WaitForNotifications(&notification, 1, timeout_ms);
 }
 
-uint32_t library_read(vxcli_rx_device_handle device, void* message) {
-  (void)device;
-  (void)message;
-  return kQueueEmpty;  // replaced by the device library call
+VXStatus library_read(VXHandle device, VXMessage* message) {
+  return VX_Read(device, message, 0, nullptr);
 }
 
 const vxcli_rx_device_ops kLibraryOps = {library_wait, library_read};
@@ -171,29 +169,17 @@ bool create_locks() {
 
 // --- Records. ---
 
-uint16_t read_u16(const uint8_t* p) {
-  uint16_t v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-
-uint32_t read_u32(const uint8_t* p) {
-  uint32_t v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-
-// Channel mutex held.
-int publish_locked(int channel, BrokerChannel& ch, const void* message) {
+// Channel mutex held. The caller wakes the readers.
+int publish_locked(int channel, BrokerChannel& ch, const VXMessage& message) {
   if (!ch.attached || ch.ring == nullptr) return -1;
   const uint64_t sequence = ch.head++;
   vxcli_rx_record& record = ch.ring[(sequence - 1) % ch.capacity];
-  std::memcpy(record.message, message, VXCLI_RX_MESSAGE_SIZE);
+  record.message = message;
   record.sequence = sequence;
 
   // The device's 32-bit timestamp wraps; a jump backwards by more than half
   // the range is a wrap, a small step backwards is only jitter.
-  const uint32_t t = read_u32(record.message + 4);
+  const uint32_t t = message.timestamp;
   if (ch.have_last_timestamp && t < ch.last_timestamp &&
       static_cast<uint32_t>(ch.last_timestamp - t) > 0x80000000u)
     ch.timestamp_wraps += 1;
@@ -209,7 +195,6 @@ int publish_locked(int channel, BrokerChannel& ch, const void* message) {
     ch.overwritten += 1;
     ch.oldest += 1;
   }
-  broadcast(channel);
   return 0;
 }
 
@@ -303,7 +288,7 @@ void detach_channel(int channel) {
     ch.ring = nullptr;
     ch.capacity = 0;
     ch.attached = false;
-    ch.device = 0;
+    ch.device = nullptr;
     ch.notification = 0;
     ch.exclusive_requested = false;
     ch.reader_paused = false;
@@ -318,10 +303,10 @@ void* worker_main(void* arg) {
   const int channel = static_cast<int>(reinterpret_cast<intptr_t>(arg));
   BrokerChannel& ch = g_rx_channels[channel];
   const vxcli_rx_device_ops& ops = device_ops();
-  alignas(8) uint8_t message[VXCLI_RX_MESSAGE_SIZE];
+  VXMessage batch[kDrainBatch];
   for (;;) {
-    vxcli_rx_device_handle device = 0;
-    vxcli_rx_notify_handle notification = 0;
+    VXHandle device = nullptr;
+    VXNotifyHandle notification = 0;
     bool stopping = false;
     {
       ChannelGuard guard(channel);
@@ -338,9 +323,9 @@ void* worker_main(void* arg) {
       device = ch.device;
       notification = ch.notification;
     }
-    if (stopping || device == 0 || notification == 0) break;
+    if (stopping || device == nullptr || notification == 0) break;
 
-    ops.wait(notification, kWorkerSliceMs);
+    const VXStatus waited = ops.wait(notification, kWorkerSliceMs);
 
     bool exclusive = false;
     {
@@ -350,19 +335,29 @@ void* worker_main(void* arg) {
     }
     if (stopping) break;
 
-    uint32_t status = 0;
-    while (!exclusive) {
-      status = ops.read(device, message);
-      if (status != 0) break;
+    VXStatus status = VX_OK;
+    uint64_t drained = 0;
+    while (!exclusive && status == VX_OK) {
+      int n = 0;
+      while (n < kDrainBatch && (status = ops.read(device, &batch[n])) == VX_OK) ++n;
+      if (n == 0) break;
       ChannelGuard guard(channel);
-      publish_locked(channel, ch, message);
+      for (int i = 0; i < n; ++i) publish_locked(channel, ch, batch[i]);
+      broadcast(channel);
+      drained += static_cast<uint64_t>(n);
       if (ch.stop) return nullptr;
       exclusive = ch.exclusive_requested;
     }
-    if (!exclusive && (status & ~kQueueEmpty) != 0) {
-      ChannelGuard guard(channel);
-      ch.read_errors += 1;
-    }
+    // An empty queue is how every drain ends; anything else is a read error.
+    // (A drain left for an exclusive request ended on a successful read.)
+    const bool read_failed = (status & ~VX_ERR_QUEUE_EMPTY) != 0;
+    const bool wait_failed = (waited & ~VX_ERR_QUEUE_EMPTY) != 0;
+    ChannelGuard guard(channel);
+    if (read_failed) ch.read_errors += 1;
+    // A device that fails at once (unplugged, descriptor gone) would turn
+    // this loop into a busy spin; rest for a slice unless asked to stop.
+    if ((read_failed || wait_failed) && drained == 0 && !ch.stop && !ch.exclusive_requested)
+      wait_until(channel, monotonic_ms() + kWorkerSliceMs);
   }
   return nullptr;
 }
@@ -416,8 +411,8 @@ void vxcli_rx_broker_shutdown() {
   }
 }
 
-int vxcli_rx_broker_attach(int channel, vxcli_rx_device_handle device,
-                           vxcli_rx_notify_handle notification, uint64_t capacity) {
+int vxcli_rx_broker_attach(int channel, VXHandle device, VXNotifyHandle notification,
+                           uint64_t capacity) {
   if (!usable(channel)) return -1;
   if (capacity == 0) capacity = VXCLI_RX_DEFAULT_CAPACITY;
   if (capacity > SIZE_MAX / sizeof(vxcli_rx_record)) return -1;
@@ -431,7 +426,7 @@ int vxcli_rx_broker_attach(int channel, vxcli_rx_device_handle device,
   }
   detach_channel(channel);
   BrokerChannel& ch = g_rx_channels[channel];
-  const bool with_worker = device != 0 && notification != 0;
+  const bool with_worker = device != nullptr && notification != 0;
   {
     ChannelGuard guard(channel);
     ch.ring = ring;
@@ -489,10 +484,12 @@ int vxcli_rx_broker_is_attached(int channel) {
   return g_rx_channels[channel].attached ? 1 : 0;
 }
 
-int vxcli_rx_broker_publish(int channel, const void* message) {
+int vxcli_rx_broker_publish(int channel, const VXMessage* message) {
   if (!usable(channel) || message == nullptr) return -1;
   ChannelGuard guard(channel);
-  return publish_locked(channel, g_rx_channels[channel], message);
+  const int rc = publish_locked(channel, g_rx_channels[channel], *message);
+  if (rc == 0) broadcast(channel);
+  return rc;
 }
 
 int vxcli_rx_broker_cursor_open_named(int channel, int from_oldest, const char* name,
@@ -732,26 +729,24 @@ void vxcli_rx_filter_init(vxcli_rx_filter* filter) {
 int vxcli_rx_filter_matches(const vxcli_rx_filter* filter, const vxcli_rx_record* record) {
   if (record == nullptr) return 0;
   if (filter == nullptr) return 1;
-  const uint8_t* msg = record->message;
-  const uint16_t header = read_u16(msg);
-  const uint32_t type = header & 0x7u;
-  const bool direction_bit = (header & 0x8u) != 0;
+  const VXMessage& msg = record->message;
+  const uint32_t type = msg.header & VX_MSG_TYPE_MASK;
+  const bool transmitted = (msg.header & VX_MSG_TX) != 0;
   if (filter->type_mask != 0 && (filter->type_mask & (1u << type)) == 0) return 0;
-  if (filter->direction == 1 && direction_bit) return 0;
-  if (filter->direction == 2 && !direction_bit) return 0;
+  if (filter->direction == 1 && transmitted) return 0;
+  if (filter->direction == 2 && !transmitted) return 0;
   if (!filter->range_enabled && filter->mask == 0) return 1;
 
-  const uint16_t payload_length = read_u16(msg + 2);
   uint32_t id = 0;
-  if (type == VXCLI_RX_TYPE_CAN) {
-    if (payload_length < 8) return 0;
-    const uint32_t word = read_u32(msg + 8);
-    const uint32_t standard = word & 0x7FFu;
+  if (type == VX_MSG_TYPE_CAN) {
+    if (msg.length < 8) return 0;
+    const uint32_t standard = msg.id & VX_ID_STD_MASK;
     id = standard;
-    if (msg[12] & 0x10u) id = (standard << 18) | ((word >> 11) & 0x3FFFFu);
-  } else if (type == VXCLI_RX_TYPE_LIN) {
-    if (payload_length == 0) return 0;
-    id = msg[8];
+    if (msg.control & VX_CTRL_IDE)
+      id = (standard << 18) | ((msg.id >> VX_ID_EXT_SHIFT) & VX_ID_EXT_MASK);
+  } else if (type == VX_MSG_TYPE_LIN) {
+    if (msg.length == 0) return 0;
+    id = msg.id & 0xFFu;  // the first payload byte
   } else {
     return 0;
   }

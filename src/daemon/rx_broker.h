@@ -15,37 +15,28 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "vxapi.h"
+
 inline constexpr uint32_t VXCLI_RX_CHANNELS = 32;
 inline constexpr uint32_t VXCLI_RX_CONSUMERS = 32;          // open cursors per channel
 inline constexpr uint64_t VXCLI_RX_DEFAULT_CAPACITY = 8192;  // records; attach with 0
-inline constexpr size_t VXCLI_RX_MESSAGE_SIZE = 96;         // the library's message record
 inline constexpr size_t VXCLI_RX_NAME_SIZE = 48;
-
-// Device handles as the device library hands them out; 0 means none.
-using vxcli_rx_device_handle = uintptr_t;
-using vxcli_rx_notify_handle = uintptr_t;
 
 // One received message as stored in the ring and handed to readers.
 struct vxcli_rx_record {
-  uint8_t message[VXCLI_RX_MESSAGE_SIZE];  // exactly as the device library returned it
-  uint64_t sequence;                       // 1, 2, ... within an epoch
-  uint64_t timestamp64;                    // (32-bit wrap count << 32) | timestamp
-  uint64_t epoch;                          // channel epoch at publish time
-  uint32_t channel;                        // broker channel 0..31
+  VXMessage message;     // exactly as VX_Read returned it
+  uint64_t sequence;     // 1, 2, ... within an epoch
+  uint64_t timestamp64;  // (32-bit wrap count << 32) | timestamp
+  uint64_t epoch;        // channel epoch at publish time
+  uint32_t channel;      // broker channel 0..31
   uint32_t reserved;
 };
 static_assert(sizeof(vxcli_rx_record) == 128, "broker records are 128 bytes");
 
-// Fields of the message header that the broker looks at.
-enum : uint32_t {
-  VXCLI_RX_TYPE_LIN = 1,
-  VXCLI_RX_TYPE_CAN = 2,
-};
-
 // All zero admits everything.
 struct vxcli_rx_filter {
-  uint32_t type_mask;      // bit n admits message type n; 0 = every type
-  uint32_t direction;      // 0 any, 1 header bit 3 clear, 2 header bit 3 set
+  uint32_t type_mask;      // bit n admits message type n (VX_MSG_TYPE_*); 0 = every type
+  uint32_t direction;      // 0 any, 1 received only, 2 own transmissions (VX_MSG_TX) only
   uint32_t range_enabled;  // non-zero: identifier must lie in [range_low, range_high]
   uint32_t range_low;
   uint32_t range_high;
@@ -123,13 +114,12 @@ void vxcli_rx_broker_shutdown();
 // Starts a worker thread that drains the device when both handles are given;
 // otherwise the caller publishes the channel's messages itself. Re-attaching
 // an attached channel detaches it first. capacity 0 means the default.
-int vxcli_rx_broker_attach(int channel, vxcli_rx_device_handle device,
-                           vxcli_rx_notify_handle notification, uint64_t capacity);
+int vxcli_rx_broker_attach(int channel, VXHandle device, VXNotifyHandle notification,
+                           uint64_t capacity);
 int vxcli_rx_broker_detach(int channel);
 int vxcli_rx_broker_is_attached(int channel);
 
-// `message` is VXCLI_RX_MESSAGE_SIZE bytes in the device library's layout.
-int vxcli_rx_broker_publish(int channel, const void* message);
+int vxcli_rx_broker_publish(int channel, const VXMessage* message);
 
 // from_oldest non-zero: start at the retained history; otherwise at the next
 // record published. Name null or empty means "anonymous"; filter null admits all.
@@ -166,7 +156,7 @@ int vxcli_rx_filter_matches(const vxcli_rx_filter* filter, const vxcli_rx_record
 // The two device-library calls a worker makes. Tests install a scripted
 // device here before attaching; null restores the device library.
 struct vxcli_rx_device_ops {
-  uint32_t (*wait)(vxcli_rx_notify_handle notification, int timeout_ms);
-  uint32_t (*read)(vxcli_rx_device_handle device, void* message);  // 0 = one message read
+  VXStatus (*wait)(VXNotifyHandle notification, uint32_t timeout_ms);
+  VXStatus (*read)(VXHandle device, VXMessage* message);  // never waits
 };
 void vxcli_rx_broker_set_device_ops(const vxcli_rx_device_ops* ops);

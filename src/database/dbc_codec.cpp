@@ -1,10 +1,12 @@
 // Signal codec: bit extraction and insertion for both byte orders, scaling,
 // message lookup, multiplexing, the per-process list of parsed DBC files and
 // the encode/decode entry points used by other commands and the daemon.
+#include <endian.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <charconv>
+#include <ctime>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -73,13 +75,18 @@ bool selector_number(const char* selector, uint64_t* number) {
 std::vector<std::unique_ptr<DbcLoadedFile>> g_dbc_files;
 
 // Resolution goes through the registry file; remembering the last answers
-// (until the registry file or the directory environment changes) keeps
-// per-frame decoding from reading the registry every time.
+// keeps per-frame decoding from reading it every time. Changes made by this
+// process are seen at once, changes by other processes (a stat of the file)
+// within kRecheckNs, and a change of the directory environment at once.
+constexpr int64_t kRecheckNs = 50'000'000;
+
 struct ResolveMemo {
   bool primed = false;
   std::string env[4];
   bool env_set[4] = {};
   std::string registry;
+  uint64_t generation = 0;
+  int64_t checked_at = 0;
   bool registry_exists = false;
   struct stat registry_stat {};
   std::vector<std::pair<std::string, const DbcLoadedFile*>> answers;
@@ -93,6 +100,12 @@ bool same_stat(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
          a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
          a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+int64_t coarse_now() {
+  struct timespec now {};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return int64_t(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
 // True when the memo's answers still hold; refreshes its keys otherwise.
@@ -118,12 +131,20 @@ bool memo_current() {
     g_memo.registry = path;
     current = false;
   }
-  struct stat now {};
-  bool exists = stat(g_memo.registry.c_str(), &now) == 0;
-  if (exists != g_memo.registry_exists || (exists && !same_stat(now, g_memo.registry_stat)))
+  if (g_memo.generation != vxcli_database_registry_generation()) {
+    g_memo.generation = vxcli_database_registry_generation();
     current = false;
-  g_memo.registry_exists = exists;
-  g_memo.registry_stat = now;
+  }
+  int64_t now = coarse_now();
+  if (!current || now - g_memo.checked_at >= kRecheckNs) {
+    struct stat info {};
+    bool exists = stat(g_memo.registry.c_str(), &info) == 0;
+    if (exists != g_memo.registry_exists || (exists && !same_stat(info, g_memo.registry_stat)))
+      current = false;
+    g_memo.registry_exists = exists;
+    g_memo.registry_stat = info;
+    g_memo.checked_at = now;
+  }
   if (!current) g_memo.answers.clear();
   g_memo.primed = true;
   return current;
@@ -182,27 +203,86 @@ struct Sink {
     memcpy(p, text, n);
     p += n;
   }
-  void put(const char* text) { put(text, strlen(text)); }
-  void put(char c) { put(&c, 1); }
+  // Literals: the copy has a constant size and is inlined.
+  template <size_t N>
+  void put(const char (&text)[N]) {
+    put(text, N - 1);
+  }
+  void put_text(const char* text) { put(text, strlen(text)); }
+  void put(char c) {
+    if (!ok || p == end) {
+      ok = false;
+      return;
+    }
+    *p++ = c;
+  }
   void put_u64(uint64_t value) {
     char digits[24];
     auto r = std::to_chars(digits, digits + sizeof digits, value);
     put(digits, size_t(r.ptr - digits));
   }
   void put_hex(uint32_t value) {
-    char digits[12];
-    int n = snprintf(digits, sizeof digits, "%X", value);
-    put(digits, size_t(n));
+    char digits[8];
+    int n = 0;
+    do {
+      digits[7 - n++] = "0123456789ABCDEF"[value & 15];
+      value >>= 4;
+    } while (value);
+    put(digits + 8 - n, size_t(n));
   }
   // printf's %.10g; non-finite values have no JSON form.
   void put_g10(double value) {
     if (!std::isfinite(value)) return put("null");
+    // Whole numbers of up to ten digits print as %.10g prints them, only faster
+    // (-0 keeps its sign through the general path).
+    if (value == std::trunc(value) && std::fabs(value) < 1e10 &&
+        (value != 0 || !std::signbit(value))) {
+      char digits[24];
+      auto r = std::to_chars(digits, digits + sizeof digits, static_cast<int64_t>(value));
+      return put(digits, size_t(r.ptr - digits));
+    }
+    // The shortest form that reads back has the digits %.10g prints whenever
+    // there are at most ten of them; it is taken unless it chose a positive
+    // exponent, which %.10g would not have for a non-integer below 1e10.
     char digits[40];
-    auto r = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::general, 10);
+    auto r = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::general);
+    int significant = 0;
+    bool leading = true, positive_exponent = false;
+    for (const char* p = digits; p < r.ptr; p++) {
+      if (*p == 'e') {
+        positive_exponent = p[1] == '+';
+        break;
+      }
+      if (*p < '0' || *p > '9' || (leading && *p == '0')) continue;
+      leading = false;
+      significant++;
+    }
+    if (significant > 10 || positive_exponent)
+      r = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::general, 10);
     put(digits, size_t(r.ptr - digits));
   }
   void put_string(const std::string& text);
 };
+
+// Length of the run of bytes at the start of text that JSON takes as they
+// are (printable ASCII other than the quote and the backslash), 8 at a time.
+size_t plain_run(const unsigned char* text, size_t n) {
+  constexpr uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
+  size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t x;
+    memcpy(&x, text + i, 8);
+    uint64_t quote = x ^ (ones * '"'), backslash = x ^ (ones * '\\');
+    // Classic zero-byte tests: a byte below 0x20, a quote, a backslash, or a
+    // high bit (the byte loop below sorts out what it was).
+    uint64_t special = (((x - ones * 0x20) & ~x) | ((quote - ones) & ~quote) |
+                        ((backslash - ones) & ~backslash) | x) &
+                       highs;
+    if (special) break;
+  }
+  while (i < n && text[i] >= 0x20 && text[i] < 0x80 && text[i] != '"' && text[i] != '\\') i++;
+  return i;
+}
 
 void Sink::put_string(const std::string& text) {
   static const char hex[] = "0123456789ABCDEF";
@@ -210,23 +290,22 @@ void Sink::put_string(const std::string& text) {
   const unsigned char* s = reinterpret_cast<const unsigned char*>(text.data());
   size_t n = text.size();
   for (size_t i = 0; i < n && ok;) {
-    unsigned char c = s[i];
-    if (c >= 0x20 && c < 0x80 && c != '"' && c != '\\') {
-      size_t j = i + 1;
-      while (j < n && s[j] >= 0x20 && s[j] < 0x80 && s[j] != '"' && s[j] != '\\') j++;
-      put(text.data() + i, j - i);
-      i = j;
+    size_t run = plain_run(s + i, n - i);
+    if (run) {
+      put(text.data() + i, run);
+      i += run;
       continue;
     }
+    unsigned char c = s[i];
     if (c < 0x80) {
       switch (c) {
-        case '"': put("\\\"", 2); break;
-        case '\\': put("\\\\", 2); break;
-        case '\b': put("\\b", 2); break;
-        case '\f': put("\\f", 2); break;
-        case '\n': put("\\n", 2); break;
-        case '\r': put("\\r", 2); break;
-        case '\t': put("\\t", 2); break;
+        case '"': put("\\\""); break;
+        case '\\': put("\\\\"); break;
+        case '\b': put("\\b"); break;
+        case '\f': put("\\f"); break;
+        case '\n': put("\\n"); break;
+        case '\r': put("\\r"); break;
+        case '\t': put("\\t"); break;
         default: {
           char e[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 15]};
           put(e, 6);
@@ -254,9 +333,9 @@ void put_decode_header(Sink& out, const Message& message) {
   out.put_string(message.name);
   out.put(",\"id\":\"0x");
   out.put_hex(message.id & 0x7FFFFFFFu);
-  out.put(message.extended ? "\",\"extended\":true" : "\",\"extended\":false");
-  out.put(fd ? ",\"fd\":true" : ",\"fd\":false");
-  out.put(vxcli_dbc_is_brs(message) ? ",\"brs\":true" : ",\"brs\":false");
+  out.put_text(message.extended ? "\",\"extended\":true" : "\",\"extended\":false");
+  out.put_text(fd ? ",\"fd\":true" : ",\"fd\":false");
+  out.put_text(vxcli_dbc_is_brs(message) ? ",\"brs\":true" : ",\"brs\":false");
   out.put(",\"signals\":{");
 }
 
@@ -400,13 +479,35 @@ const Signal* multiplexor_of(const Message& message) {
 }
 
 // The payload as decoding sees it: zero-padded to 64 bytes, with the length
-// in use being the larger of the bytes given and the message size.
+// in use being the larger of the bytes given and the message size. The slack
+// behind the 64 bytes lets extraction read whole words without bounds checks.
 struct Payload {
-  uint8_t bytes[kMaxPayload] = {};
-  size_t length = 0;
+  uint8_t bytes[kMaxPayload + 16] = {};
+  bool readable = true;  // lengths in use above 64 bytes read as all zero
   Payload(const Message& message, const uint8_t* data, size_t data_length) {
     if (data) memcpy(bytes, data, data_length < kMaxPayload ? data_length : kMaxPayload);
-    length = vxcli_dbc_payload_length(message, data_length);
+    readable = vxcli_dbc_payload_length(message, data_length) <= kMaxPayload;
+  }
+  // vxcli_dbc_extract_raw over the padded bytes, a word at a time.
+  uint64_t extract(const Signal& signal) const {
+    uint32_t length = signal.length;
+    if (!readable || length < 1 || length > 64) return 0;
+    uint64_t word;
+    if (signal.order == DBC_INTEL) {
+      uint32_t byte = signal.startBit >> 3, shift = signal.startBit & 7;
+      if (byte >= kMaxPayload) return 0;
+      memcpy(&word, bytes + byte, 8);
+      word = le64toh(word) >> shift;
+      if (shift && shift + length > 64) word |= uint64_t(bytes[byte + 8]) << (64 - shift);
+      return word & low_mask(length);
+    }
+    if (signal.startBit >= 512) return 0;
+    uint32_t position = motorola_index(signal.startBit);
+    uint32_t byte = position >> 3, skip = position & 7;
+    memcpy(&word, bytes + byte, 8);
+    word = be64toh(word) << skip;
+    if (skip && skip + length > 64) word |= uint64_t(bytes[byte + 8]) >> (8 - skip);
+    return word >> (64 - length);
   }
 };
 
@@ -439,11 +540,11 @@ size_t vxcli_dbc_decode_message(const Message& message, const uint8_t* data, siz
       if (!mux) {
         mux = multiplexor_of(message);
         if (!mux) continue;
-        mux_raw = extract_signal(*mux, payload.bytes, payload.length);
+        mux_raw = payload.extract(*mux);
       }
       if (mux_raw != uint16_t(signal.multiplexNum)) continue;
     }
-    uint64_t raw = extract_signal(signal, payload.bytes, payload.length);
+    uint64_t raw = payload.extract(signal);
     out[written++] = {&signal, raw,
                       vxcli_dbc_raw_to_physical(raw, signal.sign != 0, signal.length,
                                                 signal.factor, signal.offset)};
@@ -462,7 +563,7 @@ int vxcli_dbc_message_decode_json(const Message& message, const uint8_t* data, s
   }
   Payload payload(message, data, dataLength);
   const Signal* mux = multiplexor_of(message);
-  uint64_t mux_raw = mux ? extract_signal(*mux, payload.bytes, payload.length) : 0;
+  uint64_t mux_raw = mux ? payload.extract(*mux) : 0;
   bool first = true;
   for (const Signal& signal : message.signals) {
     if (signal.multiplexor == DBC_MULTIPLEXED &&
@@ -470,7 +571,7 @@ int vxcli_dbc_message_decode_json(const Message& message, const uint8_t* data, s
       continue;
     if (outSize - size_t(sink.p - out) < 128) break;
     char* mark = sink.p;
-    uint64_t raw = extract_signal(signal, payload.bytes, payload.length);
+    uint64_t raw = payload.extract(signal);
     if (!first) sink.put(',');
     sink.put_string(signal.name);
     sink.put(":{\"raw\":");
@@ -546,7 +647,7 @@ std::string vxcli_dbc_encode_json(const Message& message, const uint8_t* data, u
   snprintf(numbers, sizeof numbers, "\",\"dlc\":%u,\"extended\":%s,\"fd\":%s,\"brs\":%s,\"data\":\"",
            length, message.extended ? "true" : "false", fd ? "true" : "false",
            vxcli_dbc_is_brs(message) ? "true" : "false");
-  sink.put(numbers);
+  sink.put_text(numbers);
   static const char hex[] = "0123456789ABCDEF";
   for (uint32_t i = 0; i < length; i++) {
     sink.put(hex[data[i] >> 4]);

@@ -1,7 +1,4 @@
 // The ldf inspection and schedule commands.
-#include <sys/stat.h>
-
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +8,7 @@
 #include "daemon/client.h"
 #include "database/ldf.h"
 #include "database/ldf_model.h"
+#include "database/registry.h"
 #include "json/json.h"
 
 namespace {
@@ -25,7 +23,7 @@ bool csv_output() { return g_config.format == VXCLI_FORMAT_CSV; }
 
 // Options of the ldf commands whose value may stand in the next word.
 bool takes_value(const char* option) {
-  static const char* const kOptions[] = {"database", "ldf", "channel", "schedule", "type", "name"};
+  static const char* const kOptions[] = {"database", "ldf", "channel", "schedule", "type"};
   for (const char* name : kOptions)
     if (strcmp(option, name) == 0) return true;
   return false;
@@ -44,56 +42,33 @@ const char* positional(int count, char** words) {
   return nullptr;
 }
 
-// Object name from the first positional word or --name.
 const char* object_name(int count, char** words) {
   const char* name = positional(count, words);
-  if (!name) name = vxcli_get_option(count, words, "name");
   return name && *name ? name : nullptr;
-}
-
-bool has_ldf_extension(const std::string& path) {
-  size_t dot = path.rfind('.');
-  if (dot == std::string::npos || path.find('/', dot) != std::string::npos) return false;
-  std::string ext = path.substr(dot + 1);
-  for (char& c : ext) c = (char)tolower((unsigned char)c);
-  return ext == "ldf";
-}
-
-// Turns --database/--ldf into a file path and a resource name. Only files named
-// directly are understood until the registry's resolver is available here.
-int resolve_ldf_selector(const char* selector, std::string& path, std::string& name,
-                         std::string& error) {
-  if (!selector || !*selector) {
-    error = "no matching database resource is loaded";
-    return -1;
-  }
-  struct stat info;
-  char resolved[PATH_MAX];
-  if (stat(selector, &info) != 0 || !S_ISREG(info.st_mode) || !has_ldf_extension(selector) ||
-      !realpath(selector, resolved)) {
-    error = "database resource or file was not found";
-    return -1;
-  }
-  path = resolved;
-  name.clear();
-  return 0;
 }
 
 struct Selected {
   LdfModel model;
-  std::string database;  // resource name, or the file path for an unregistered file
+  std::string database;  // resource name (an unregistered file's default name)
 };
 
 bool load_selected(int count, char** words, Selected& out) {
   const char* selector = vxcli_get_option(count, words, "database");
   if (!selector || !*selector) selector = vxcli_get_option(count, words, "ldf");
-  std::string path, name, error;
-  if (resolve_ldf_selector(selector, path, name, error) != 0 ||
-      parse_ldf(path.c_str(), out.model, error) != 0) {
+  char path[4096];
+  char name[128];
+  char message[256];
+  if (vxcli_database_resolve(selector, "ldf", path, sizeof path, name, sizeof name, message,
+                             sizeof message) != 0) {
+    vxcli_print_error("%s", message);
+    return false;
+  }
+  std::string error;
+  if (parse_ldf(path, out.model, error) != 0) {
     vxcli_print_error("%s", error.c_str());
     return false;
   }
-  out.database = name.empty() ? path : name;
+  out.database = name[0] ? name : path;
   return true;
 }
 

@@ -11,7 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "cli/output.h"
 #include "database/inspect.h"
@@ -566,9 +567,26 @@ class LdfReader {
   }
 };
 
+// Name lookups for the whole-file passes below (first declaration wins), so
+// that large files stay linear.
+template <typename T>
+std::unordered_map<std::string, const T*> index_by_name(const std::vector<T>& items) {
+  std::unordered_map<std::string, const T*> index;
+  index.reserve(items.size());
+  for (const T& item : items) index.emplace(item.name, &item);
+  return index;
+}
+
+template <typename T>
+const T* lookup(const std::unordered_map<std::string, const T*>& index, const std::string& name) {
+  auto it = index.find(name);
+  return it == index.end() ? nullptr : it->second;
+}
+
 // Fills in what follows from the rest of the file: diagnostic publishers and
 // the sizes of sporadic and event-triggered frames.
 void finalize(LdfModel& m) {
+  auto frames = index_by_name(m.frames);
   for (LdfFrame& frame : m.frames) {
     if (frame.type == "diagnostic") {
       if (frame.id == 0x3C) frame.publisher = m.master;
@@ -576,7 +594,7 @@ void finalize(LdfModel& m) {
       if (frame.type == "sporadic") frame.publisher = m.master;
       int64_t size = 0;
       for (const std::string& ref : frame.referenced) {
-        const LdfFrame* target = find_frame(m, ref);
+        const LdfFrame* target = lookup(frames, ref);
         if (target && target->type == "unconditional" && target->size > size) size = target->size;
       }
       // Unresolved references are reported by validation under their own message.
@@ -594,7 +612,12 @@ int validate(const LdfModel& m, std::string& error) {
     error = "LDF has no master node";
     return -1;
   }
-  std::set<std::string> seen;
+  auto nodes = index_by_name(m.nodes);
+  auto signals = index_by_name(m.signals);
+  auto frames = index_by_name(m.frames);
+  auto schedules = index_by_name(m.schedules);
+
+  std::unordered_set<std::string> seen;
   for (const LdfNode& node : m.nodes) {
     if (!seen.insert(node.name).second) {
       error = "duplicate node: " + node.name;
@@ -611,24 +634,25 @@ int validate(const LdfModel& m, std::string& error) {
       error = "invalid signal size: " + signal.name;
       return -1;
     }
-    if (!signal.publisher.empty() && !find_node(m, signal.publisher)) {
+    if (!signal.publisher.empty() && !lookup(nodes, signal.publisher)) {
       error = "unknown signal publisher: " + signal.name;
       return -1;
     }
     for (const std::string& subscriber : signal.subscribers) {
-      if (!find_node(m, subscriber)) {
+      if (!lookup(nodes, subscriber)) {
         error = "unknown signal subscriber: " + signal.name;
         return -1;
       }
     }
   }
   seen.clear();
-  std::set<int64_t> ids;
+  std::unordered_set<int64_t> ids;
   for (const LdfFrame& frame : m.frames) {
     if (!seen.insert(frame.name).second) {
       error = "duplicate frame: " + frame.name;
       return -1;
     }
+    // Only sporadic frames go without an identifier of their own.
     if (frame.id >= 0 || frame.type != "sporadic") {
       if (frame.id < 0 || frame.id > 0x3F || frame.size < 1 || frame.size > 8) {
         error = "invalid frame layout: " + frame.name;
@@ -639,28 +663,29 @@ int validate(const LdfModel& m, std::string& error) {
       error = "duplicate frame ID in LDF: " + frame.name;
       return -1;
     }
-    if (!frame.publisher.empty() && !find_node(m, frame.publisher)) {
+    if (!frame.publisher.empty() && !lookup(nodes, frame.publisher)) {
       error = "unknown frame publisher: " + frame.name;
       return -1;
     }
     for (const LdfPlacement& placement : frame.signals) {
-      const LdfSignal* signal = find_signal(m, placement.signal);
+      const LdfSignal* signal = lookup(signals, placement.signal);
       if (!signal) {
         error = "unknown signal " + placement.signal + " in frame " + frame.name;
         return -1;
       }
-      if (placement.offset < 0 || placement.offset + signal->size_bits > 8 * frame.size) {
+      if (placement.offset < 0 || placement.offset > 64 ||
+          placement.offset + signal->size_bits > 8 * frame.size) {
         error = "signal does not fit frame: " + frame.name;
         return -1;
       }
     }
     for (const std::string& ref : frame.referenced) {
-      if (!find_frame(m, ref)) {
+      if (!lookup(frames, ref)) {
         error = "invalid referenced frame: " + frame.name;
         return -1;
       }
     }
-    if (!frame.collision_schedule.empty() && !find_schedule(m, frame.collision_schedule)) {
+    if (!frame.collision_schedule.empty() && !lookup(schedules, frame.collision_schedule)) {
       error = "unknown collision schedule: " + frame.name;
       return -1;
     }
@@ -676,7 +701,9 @@ int validate(const LdfModel& m, std::string& error) {
       return -1;
     }
     for (const LdfScheduleEntry& entry : schedule.entries) {
-      if (entry.kind != "configuration" && !schedule_entry_frame(m, entry)) {
+      bool known = entry.kind == "configuration" || lookup(frames, entry.command) ||
+                   entry.command == "MasterReq" || entry.command == "SlaveResp";
+      if (!known) {
         error = "unknown schedule command: " + entry.command;
         return -1;
       }
@@ -701,9 +728,10 @@ LdfFrame implied_diagnostic_frame(const char* name, int64_t id) {
 }  // namespace
 
 bool is_configuration_command(const std::string& word) {
-  static const char* const kCommands[] = {
-      "AssignNAD",     "ConditionalChangeNAD", "DataDump",      "SaveConfiguration",
-      "AssignFrameIdRange", "FreeFormat",      "AssignFrameId", "UnassignFrameId"};
+  static const char* const kCommands[] = {"AssignNAD",          "ConditionalChangeNAD",
+                                          "DataDump",           "SaveConfiguration",
+                                          "AssignFrameIdRange", "FreeFormat",
+                                          "AssignFrameId",      "UnassignFrameId"};
   for (const char* command : kCommands)
     if (word == command) return true;
   return false;

@@ -79,6 +79,7 @@ int ldf_schedule_commands(const LdfModel& model, const std::string& name,
     return -1;
   }
   std::vector<const LdfFrame*> frames;
+  long cycle_ms = 0;
   for (size_t i = 0; i < schedule->entries.size(); i++) {
     const LdfScheduleEntry& entry = schedule->entries[i];
     const LdfFrame* frame = schedule_entry_frame(model, entry);
@@ -90,6 +91,13 @@ int ldf_schedule_commands(const LdfModel& model, const std::string& name,
       return -1;
     }
     frames.push_back(frame);
+    cycle_ms += delay_ms_rounded_up(entry.delay_ms);
+  }
+  // The daemon runs one round within a 16-bit millisecond cycle; refuse here
+  // rather than after half the table was sent.
+  if (cycle_ms > 65535) {
+    error = ldf_format("LDF schedule cycle of %ld ms exceeds 65535 ms", cycle_ms);
+    return -1;
   }
 
   commands.push_back("lin schedule clear --channel=" + channel);

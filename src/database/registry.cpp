@@ -31,6 +31,8 @@ constexpr int kMaxTokens = 2048;
 constexpr int kTokensPerResource = 11;
 constexpr size_t kMaxResources = (kMaxTokens - 5) / kTokensPerResource;
 
+uint64_t g_generation = 0;
+
 void set_error(char* error, size_t size, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 void set_error(char* error, size_t size, const char* format, ...) {
@@ -237,8 +239,11 @@ int vxcli_database_registry_write(const std::vector<DatabaseResource>& resources
     set_error(error, error_size, "cannot replace database registry");
     return -1;
   }
+  g_generation++;
   return 0;
 }
+
+uint64_t vxcli_database_registry_generation() { return g_generation; }
 
 std::string vxcli_database_extension_type(const char* file) {
   if (!file) return "";

@@ -35,6 +35,10 @@ int vxcli_database_registry_read(std::vector<DatabaseResource>& resources, char*
 int vxcli_database_registry_write(const std::vector<DatabaseResource>& resources, char* error,
                                   size_t error_size);
 
+// Counts the registry writes of this process, so that callers keeping
+// resolved answers notice changes made here at once.
+uint64_t vxcli_database_registry_generation();
+
 // Type word of a file name's extension ("" when none fits).
 std::string vxcli_database_extension_type(const char* file);
 // Registry name derived from a file name.

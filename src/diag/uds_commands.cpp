@@ -494,24 +494,16 @@ int vxcli_uds_present_send_command(int count, char** words) {
 }
 
 int vxcli_uds_discover_command(int count, char** words) {
-  int64_t first = 0x700, last = 0x7FF, offset = 8, timeout = 50;
-  if (vxcli_diag_int_option(count, words, "start-id", 1, 0x1FFFFFFF, &first) != 0) return 1;
-  if (vxcli_diag_int_option(count, words, "end-id", 1, 0x1FFFFFFF, &last) != 0) return 1;
+  int64_t first = 0x700, last = 0x7F7, offset = 8, timeout = 100;
+  if (vxcli_diag_int_option(count, words, "first-id", 1, 0x1FFFFFFF, &first) != 0) return 1;
+  if (vxcli_diag_int_option(count, words, "last-id", 1, 0x1FFFFFFF, &last) != 0) return 1;
   if (vxcli_diag_int_option(count, words, "response-offset", 0, 0x1FFFFFFF, &offset) != 0) return 1;
   if (vxcli_diag_int_option(count, words, "timeout", 1, 10000, &timeout) != 0) return 1;
   if (last < first || last - first > 4096) {
-    vxcli_print_error("--start-id..--end-id must be ascending and span at most 4096 identifiers");
+    vxcli_print_error("--first-id..--last-id must be ascending and span at most 4096 identifiers");
     return 1;
   }
-  const char* probe_text = vxcli_get_option(count, words, "probe");
-  uint8_t probe[2] = {0x3E, 0x00};
-  if (probe_text && strcmp(probe_text, "session") == 0) {
-    probe[0] = 0x10;
-    probe[1] = 0x01;
-  } else if (probe_text && strcmp(probe_text, "tester-present") != 0) {
-    vxcli_print_error("--probe must be tester-present or session");
-    return 1;
-  }
+  const uint8_t probe[2] = {0x3E, 0x00};  // TesterPresent: every UDS server must answer it
   vxcli_uds_session session;
   if (vxcli_uds_session_from_options(count, words, &session) != 0) return 1;
   if (session.channel.empty()) {

@@ -79,14 +79,20 @@ int vxcli_uds_save_command(int count, char** words) {
 }
 
 int vxcli_uds_list_command(int count, char** words) {
-  (void)count;
-  (void)words;
   std::vector<vxcli_uds_service> services;
   std::string source;
   char message[512];
   if (vxcli_uds_services_current(&services, &source, message, sizeof message) != 0) {
     vxcli_print_error("%s", message);
     return 1;
+  }
+  if (const char* filter = vxcli_get_option(count, words, "filter")) {
+    std::vector<vxcli_uds_service> kept;
+    for (auto& s : services)
+      if (strcasestr(s.name.c_str(), filter) || strcasestr(s.alias.c_str(), filter) ||
+          strcasestr(s.description.c_str(), filter))
+        kept.push_back(s);
+    services.swap(kept);
   }
   if (json_mode()) {
     printf("{\"status\":\"ok\",\"source\":\"%s\",\"count\":%zu,\"services\":[",

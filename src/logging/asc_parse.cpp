@@ -13,12 +13,17 @@ inline bool line_end(char c) { return c == '\0' || c == '\n' || c == '\r'; }
 inline bool word_end(char c) { return blank(c) || line_end(c); }
 inline bool digit(char c) { return c >= '0' && c <= '9'; }
 
-inline int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
+struct HexTable {
+  int8_t value[256];
+  constexpr HexTable() : value() {
+    for (int i = 0; i < 256; i++) value[i] = -1;
+    for (int i = 0; i < 10; i++) value['0' + i] = (int8_t)i;
+    for (int i = 0; i < 6; i++) value['A' + i] = value['a' + i] = (int8_t)(10 + i);
+  }
+};
+constexpr HexTable kHex;
+
+inline int hex_value(char c) { return kHex.value[(unsigned char)c]; }
 
 inline const char* skip_blanks(const char* p) {
   while (blank(*p)) p++;
@@ -329,6 +334,12 @@ int parse_hex_data(const char* text, uint8_t* out, int max) {
   while (count < max) {
     p = skip_blanks(p);
     if (line_end(*p)) break;
+    int hi = hex_value(p[0]), lo = hex_value(p[1]);
+    if (hi >= 0 && lo >= 0 && word_end(p[2])) {  // the usual two-digit byte
+      out[count++] = (uint8_t)(hi * 16 + lo);
+      p += 2;
+      continue;
+    }
     const char* stop = skip_word(p);
     for (const char* q = p; q < stop; q++)
       if (hex_value(*q) < 0) return count;

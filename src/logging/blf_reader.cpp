@@ -26,6 +26,7 @@ struct BLFReaderStream {
   uint8_t in[kInput];
   z_stream zs;
   bool zs_ready;
+  bool zlib_header;  // the two-byte zlib header is still to be checked
   bool stream_end;
   bool failed;
   StreamMode mode;
@@ -117,6 +118,17 @@ long stream_more(BLFReader* r) {
         s->zs.next_in = s->in;
         s->zs.avail_in = (uInt)n;
       }
+      if (s->zlib_header) {
+        // Inflated raw: the trailing checksum would only report damage after
+        // the frames before it were handed out, and costs a sixth of the time.
+        if (s->zs.avail_in < 2) return stream_fail(s);
+        uint8_t cmf = s->zs.next_in[0], flg = s->zs.next_in[1];
+        if ((cmf & 0x0F) != 8 || (cmf >> 4) > 7 || ((cmf << 8) | flg) % 31 != 0 || (flg & 0x20))
+          return stream_fail(s);
+        s->zs.next_in += 2;
+        s->zs.avail_in -= 2;
+        s->zlib_header = false;
+      }
       s->zs.next_out = s->out + s->tail;
       s->zs.avail_out = (uInt)space;
       int rc = inflate(&s->zs, Z_NO_FLUSH);
@@ -161,12 +173,13 @@ long stream_more(BLFReader* r) {
       } else if (method == 2) {
         if (!s->zs_ready) {
           memset(&s->zs, 0, sizeof s->zs);
-          if (inflateInit(&s->zs) != Z_OK) return stream_fail(s);
+          if (inflateInit2(&s->zs, -15) != Z_OK) return stream_fail(s);
           s->zs_ready = true;
         } else if (inflateReset(&s->zs) != Z_OK) {
           return stream_fail(s);
         }
         s->zs.avail_in = 0;
+        s->zlib_header = true;
         s->expected = declared;
         s->produced = 0;
         s->stream_end = false;
@@ -537,8 +550,63 @@ int vxcli_blf_frame_to_log(uint32_t type, const uint8_t ext[16], const uint8_t f
   return 1;
 }
 
+namespace {
+
+// The common case in one step: a CAN or CAN FD object with a plain version-1
+// header lying whole in the window. 1 done, -1 malformed, 0 take the long way.
+int quick_frame(BLFReader* r, vxcli_log_frame* out) {
+  BLFReaderStream* s = r->stream;
+  size_t have = s->tail - s->head;
+  if (have < 32 || s->failed) return 0;
+  const uint8_t* p = s->out + s->head;
+  uint32_t size = rd32(p + 8);
+  uint32_t type = rd32(p + 12);
+  if (!is_lobj(p) || rd32(p + 4) != 0x00010020u || (size & 1) || have < (size_t)size + pad4(size))
+    return 0;
+  const uint8_t* f = p + 32;
+  memset(out, 0, sizeof *out);
+  if (type == kTypeCanMessage) {
+    if (size < 48) return 0;
+    out->dlc = f[3];
+    out->remote = (f[2] & 0x80) != 0;
+    int length = (out->remote || out->dlc > 15) ? 0 : vxcli_log_dlc_to_length(out->dlc);
+    if (length > 8) length = -1;
+    else memcpy(out->data, f + 8, (size_t)length);
+    out->length = length;
+  } else if (type == kTypeCanFdMessage) {
+    if (size < 116) return 0;
+    out->dlc = f[3];
+    out->remote = (f[2] & 0x80) != 0;
+    out->fd = f[13] & 0x01;
+    out->brs = (f[13] >> 1) & 1;
+    out->esi = (f[13] >> 2) & 1;
+    int length = out->remote ? 0 : f[14];
+    if (length > 64) length = -1;
+    else memcpy(out->data, f + 20, (size_t)length);
+    out->length = length;
+  } else {
+    return 0;
+  }
+  vxcli_log_frame_set_time_ns(out, BLFReader_timestampToNanoseconds(rd32(p + 16), rd64(p + 24)));
+  out->channel = rd16(f);
+  uint32_t id = rd32(f + 4);
+  out->id = id & 0x7FFFFFFF;
+  out->extended = (id >> 31) & 1;
+  out->tx = f[2] & 0x01;
+  s->head += size + pad4(size);
+  r->count++;
+  return out->length < 0 ? -1 : 1;
+}
+
+}  // namespace
+
 int vxcli_blf_next_frame(BLFReader* r, vxcli_log_frame* frame, uint32_t* objects) {
   if (!r || !frame) return -1;
+  int quick = quick_frame(r, frame);
+  if (quick != 0) {
+    if (objects) (*objects)++;
+    return quick;
+  }
   uint8_t base[16], ext[16], record[84];
   for (;;) {
     uint32_t type = 0;

@@ -1,5 +1,7 @@
 #include "logging/blf_writer.h"
 
+#include <time.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -13,9 +15,13 @@ const uint64_t kBefore1990Ns = 631151999999999999ULL;
 
 uint64_t container_size(uint64_t contained) { return contained + pad4(contained) + 32; }
 
-void write_all(FIL* file, const void* data, UINT size) {
-  UINT written = 0;
-  f_write(file, data, size, &written);  // short writes are not surfaced after creation
+const uint32_t kBatchSize = 64 * 1024;
+const uint64_t kBatchAgeNs = 100000000ULL;
+
+uint64_t monotonic_ns() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+  return (uint64_t)ts.tv_sec * 1000000000ULL + (uint64_t)ts.tv_nsec;
 }
 
 void write_header(BLFWriter* w) {
@@ -40,35 +46,49 @@ void write_header(BLFWriter* w) {
   f_write_at(&w->file, 0, header, sizeof header);
 }
 
+// Writes the collected containers and then the header that names them.
+// Short writes are not surfaced after creation.
+void write_batch(BLFWriter* w) {
+  if (w->batch_used) {
+    UINT written = 0;
+    f_write(&w->file, w->batch, w->batch_used, &written);
+    w->batch_used = 0;
+  }
+  write_header(w);
+  w->batches_written++;
+  w->batch_since_ns = monotonic_ns();
+}
+
 void flush(BLFWriter* w) {
   if (w->used == 0) return;
-  uint8_t head[32];
-  memset(head, 0, sizeof head);
+  uint32_t pad = pad4(w->used + 32);
+  if (kBatchSize - w->batch_used < w->used + 32 + pad) write_batch(w);
+  uint8_t* head = w->batch + w->batch_used;
+  memset(head, 0, 32);
   memcpy(head, "LOBJ", 4);
   wr32(head + 4, kContainerHeaderWord);
   wr32(head + 8, w->used + 32);
   wr32(head + 12, kTypeLogContainer);
   wr16(head + 16, 0);  // stored
   wr32(head + 24, w->used);
-  write_all(&w->file, head, sizeof head);
-  uint32_t offset = 0;
-  while (w->used - offset >= 256) {
-    write_all(&w->file, w->buffer + offset, 256);
-    offset += 256;
-  }
-  if (offset < w->used) write_all(&w->file, w->buffer + offset, w->used - offset);
-  uint32_t pad = pad4(w->used + 32);
-  if (pad) {
-    const uint8_t zeros[4] = {0, 0, 0, 0};
-    write_all(&w->file, zeros, pad);
-  }
+  memcpy(head + 32, w->buffer, w->used);
+  memset(head + 32 + w->used, 0, pad);
+  w->batch_used += w->used + 32 + pad;
   w->total_bytes += w->used + 32;
   w->used = 0;
-  memset(w->buffer, 0, sizeof w->buffer);
 }
 
-void add_object(BLFWriter* w, uint32_t type, const uint8_t* payload, uint32_t length,
-                uint64_t ts_ns) {
+// After a container flush: write the batch when it is the first container,
+// when the batch is nearly full, or when it has waited long enough.
+void checkpoint(BLFWriter* w) {
+  if (w->batches_written == 0 || kBatchSize - w->batch_used < kContainerCapacity + 36 ||
+      monotonic_ns() - w->batch_since_ns >= kBatchAgeNs)
+    write_batch(w);
+}
+
+// Appends an object header and returns its zeroed payload area, or null for
+// an object larger than a container.
+uint8_t* reserve(BLFWriter* w, uint32_t type, uint32_t length, uint64_t ts_ns) {
   uint64_t relative = 0;
   if (w->start_ns == 0)
     w->start_ns = ts_ns;
@@ -78,9 +98,9 @@ void add_object(BLFWriter* w, uint32_t type, const uint8_t* payload, uint32_t le
   uint32_t pad = pad4(length);
   if (w->capacity - w->used < pad + length + 32) {
     flush(w);
-    write_header(w);
+    checkpoint(w);
   }
-  if (w->capacity - w->used < pad + length + 32) return;  // larger than a container
+  if (w->capacity - w->used < pad + length + 32) return nullptr;
   uint8_t* p = w->buffer + w->used;
   memcpy(p, "LOBJ", 4);
   wr16(p + 4, 32);
@@ -88,14 +108,15 @@ void add_object(BLFWriter* w, uint32_t type, const uint8_t* payload, uint32_t le
   wr32(p + 8, length + 32);
   wr32(p + 12, type);
   wr32(p + 16, 2);  // nanoseconds
-  wr16(p + 20, 0);
-  wr16(p + 22, 0);
+  wr32(p + 20, 0);  // client index, object version
   wr64(p + 24, relative);
-  memcpy(p + 32, payload, length);
-  memset(p + 32 + length, 0, pad);
+  memset(p + 32, 0, length + pad);
   w->used += 32 + length + pad;
   w->object_count++;
+  return p + 32;
 }
+
+uint64_t logical_position(BLFWriter* w) { return f_tell(&w->file) + w->batch_used; }
 
 // Days since 1970-01-01 to proleptic Gregorian year, month and day.
 void civil_from_days(int64_t days, int64_t* year, unsigned* month, unsigned* day) {
@@ -136,16 +157,19 @@ BLFWriter* create_blf_writer(const char* path, int32_t channel_selector, uint64_
   if (!path) return nullptr;
   BLFWriter* w = static_cast<BLFWriter*>(calloc(1, sizeof(BLFWriter)));
   if (!w) return nullptr;
-  if (f_open(&w->file, path, FA_WRITE | FA_CREATE_ALWAYS) != FR_OK) {
+  w->batch = static_cast<uint8_t*>(malloc(kBatchSize));
+  if (!w->batch || f_open(&w->file, path, FA_WRITE | FA_CREATE_ALWAYS) != FR_OK) {
+    free(w->batch);
     free(w);
     return nullptr;
   }
+  setvbuf(w->file.fp, nullptr, _IONBF, 0);  // batches are already whole writes
   uint8_t zeros[kFileHeaderSize];
   memset(zeros, 0, sizeof zeros);
   UINT written = 0;
-  if (f_write(&w->file, zeros, sizeof zeros, &written) != FR_OK || written != sizeof zeros ||
-      f_sync(&w->file) != FR_OK) {
+  if (f_write(&w->file, zeros, sizeof zeros, &written) != FR_OK || written != sizeof zeros) {
     f_close(&w->file);
+    free(w->batch);
     free(w);
     return nullptr;
   }
@@ -153,6 +177,7 @@ BLFWriter* create_blf_writer(const char* path, int32_t channel_selector, uint64_
   w->start_ns = start_ns;
   w->channel_selector = channel_selector;
   w->capacity = kContainerCapacity;
+  w->batch_since_ns = monotonic_ns();
   return w;
 }
 
@@ -164,9 +189,10 @@ void destroy_blf_writer(BLFWriter* writer) {
   if (!writer) return;
   if (writer->file.fp) {
     flush(writer);
-    write_header(writer);
+    write_batch(writer);
     f_close(&writer->file);
   }
+  free(writer->batch);
   free(writer);
 }
 
@@ -174,20 +200,21 @@ void on_can_message_received(BLFWriter* w, uint64_t ts_ns, uint32_t id, const ui
                              uint8_t dlc, int channel_index, bool extended, bool remote,
                              bool error, bool fd, bool received, bool brs, bool esi) {
   if (!w) return;
-  uint8_t p[84];
-  memset(p, 0, sizeof p);
   uint16_t channel = (uint16_t)(channel_index + 1);
   uint32_t ident = id | (extended ? 0x80000000u : 0);
   uint8_t flags = (uint8_t)((received ? 0 : 0x01) | (remote ? 0x80 : 0));
   if (error) {
+    uint8_t* p = reserve(w, kTypeCanErrorExt, 32, ts_ns);
+    if (!p) return;
     wr16(p, channel);
     p[10] = dlc;
     p[11] = 255;
     wr32(p + 12, 1);
     wr32(p + 16, ident);
     if (data) memcpy(p + 24, data, dlc > 8 ? 8 : dlc);
-    add_object(w, kTypeCanErrorExt, p, 32, ts_ns);
   } else if (fd) {
+    uint8_t* p = reserve(w, kTypeCanFdMessage, 84, ts_ns);
+    if (!p) return;
     int valid = vxcli_log_dlc_to_length(dlc & 0x0F);
     wr16(p, channel);
     p[2] = flags;
@@ -195,16 +222,16 @@ void on_can_message_received(BLFWriter* w, uint64_t ts_ns, uint32_t id, const ui
     wr32(p + 4, ident);
     p[13] = (uint8_t)(0x01 | (brs ? 0x02 : 0) | (esi ? 0x04 : 0));
     p[14] = (uint8_t)valid;
-    if (data && !remote) memcpy(p + 20, data, valid);
-    add_object(w, kTypeCanFdMessage, p, 84, ts_ns);
+    if (data && !remote) memcpy(p + 20, data, (size_t)valid);
   } else {
+    uint8_t* p = reserve(w, kTypeCanMessage, 16, ts_ns);
+    if (!p) return;
     uint8_t capped = dlc > 8 ? 8 : dlc;
     wr16(p, channel);
     p[2] = flags;
     p[3] = capped;
     wr32(p + 4, ident);
     if (data && !remote) memcpy(p + 8, data, capped);
-    add_object(w, kTypeCanMessage, p, 16, ts_ns);
   }
 }
 
@@ -215,14 +242,15 @@ void on_lin_message_received_ex(BLFWriter* w, uint64_t ts_ns, uint8_t id, const 
   if (!w) return;
   uint16_t channel = (uint16_t)(channel_index + 1);
   if (write_model && checksum_model < 2) {
-    uint8_t info[8] = {0};
-    wr16(info, channel);
-    info[2] = id;
-    info[3] = checksum_model;
-    add_object(w, kTypeLinChecksumInfo, info, sizeof info, ts_ns);
+    uint8_t* info = reserve(w, kTypeLinChecksumInfo, 8, ts_ns);
+    if (info) {
+      wr16(info, channel);
+      info[2] = id;
+      info[3] = checksum_model;
+    }
   }
-  uint8_t p[24];
-  memset(p, 0, sizeof p);
+  uint8_t* p = reserve(w, kTypeLinMessage, 24, ts_ns);
+  if (!p) return;
   uint8_t capped = length > 8 ? 8 : length;
   wr16(p, channel);
   p[2] = id;
@@ -232,7 +260,6 @@ void on_lin_message_received_ex(BLFWriter* w, uint64_t ts_ns, uint8_t id, const 
   p[15] = full_time;
   wr16(p + 16, checksum);
   p[18] = direction;
-  add_object(w, kTypeLinMessage, p, sizeof p, ts_ns);
 }
 
 void on_lin_message_received(BLFWriter* w, uint64_t ts_ns, uint8_t id, const uint8_t* data,
@@ -246,26 +273,25 @@ void on_ethernetex_frame_received(BLFWriter* w, uint64_t ts_ns, const uint8_t* f
                                   uint16_t length, uint16_t direction) {
   if (!w) return;
   if (length > 1612) length = 1612;  // keeps the object inside one container
-  uint8_t p[32 + 1612];
-  memset(p, 0, 32);
+  uint8_t* p = reserve(w, kTypeEthernetFrameEx, 32u + length, ts_ns);
+  if (!p) return;
   wr16(p, (uint16_t)(length + 64));
   wr16(p + 4, 1);
   wr64(p + 8, 1);
   wr16(p + 20, direction);
   wr16(p + 22, length);
   if (frame && length) memcpy(p + 32, frame, length);
-  add_object(w, kTypeEthernetFrameEx, p, 32u + length, ts_ns);
 }
 
 uint64_t blf_writer_current_file_size(BLFWriter* w) {
   if (!w || !w->file.fp) return 0;
-  uint64_t position = f_tell(&w->file);
+  uint64_t position = logical_position(w);
   return w->used ? position + container_size(w->used) : position;
 }
 
 uint64_t blf_writer_projected_file_size(BLFWriter* w, uint32_t payload_len) {
   if (!w || !w->file.fp) return 0;
-  uint64_t position = f_tell(&w->file);
+  uint64_t position = logical_position(w);
   uint64_t object = (uint64_t)payload_len + pad4(payload_len) + 32;
   if (w->capacity - w->used >= object) return position + container_size(w->used + object);
   return position + (w->used ? container_size(w->used) : 0) + container_size(object);

@@ -19,6 +19,14 @@ struct BLFWriter {
   uint64_t last_ns;
   int32_t channel_selector; // kept for callers; not consulted
   uint32_t capacity;
+  // Flushed containers are collected here and written in one piece, then the
+  // header is rewritten: the file always ends on a whole container and its
+  // header names exactly what is in it. The first container and any batch
+  // older than a tenth of a second are written at once.
+  uint8_t* batch;
+  uint32_t batch_used;
+  uint32_t batches_written;
+  uint64_t batch_since_ns;  // monotonic time of the last batch write
 };
 
 BLFWriter* create_blf_writer(const char* path, int32_t channel_selector, uint64_t start_ns);

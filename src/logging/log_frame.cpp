@@ -16,8 +16,3 @@ int vxcli_log_length_to_dlc(int length) {
     if (length <= kFdLengths[code]) return code;
   return 15;
 }
-
-void vxcli_log_frame_set_time_ns(vxcli_log_frame* frame, uint64_t ns) {
-  frame->time_ns = ns;
-  frame->time = (double)ns / 1e9;
-}

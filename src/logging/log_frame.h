@@ -32,4 +32,7 @@ int vxcli_log_dlc_to_length(int dlc);
 // Smallest length code that carries n bytes (0-8 as is, then 9..15).
 int vxcli_log_length_to_dlc(int length);
 // Fills time and time_ns from nanoseconds.
-void vxcli_log_frame_set_time_ns(vxcli_log_frame* frame, uint64_t ns);
+inline void vxcli_log_frame_set_time_ns(vxcli_log_frame* frame, uint64_t ns) {
+  frame->time_ns = ns;
+  frame->time = (double)ns / 1e9;
+}

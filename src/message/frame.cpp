@@ -191,6 +191,56 @@ uint32_t vxcli_can_id_from_device(uint32_t field, bool extended) {
   return ((field & 0x7FF) << 18) | ((field >> 11) & 0x3FFFF);
 }
 
+void vxcli_can_message_init(VXMessage* out, uint32_t id, uint32_t flags, uint8_t dlc,
+                            const uint8_t* data, int length) {
+  if (!out) return;
+  memset(out, 0, sizeof *out);
+  out->header = VX_MSG_HEADER_CAN;
+  out->length = VX_MSG_PAYLOAD_LEN;
+  bool extended = flags & VXCLI_FRAME_IDE;
+  out->id = vxcli_can_id_to_device(id, extended);
+  out->control = static_cast<uint8_t>((dlc & VX_CTRL_DLC_MASK) | (extended ? VX_CTRL_IDE : 0) |
+                                      ((flags & VXCLI_FRAME_RTR) ? VX_CTRL_RTR : 0) |
+                                      ((flags & VXCLI_FRAME_BRS) ? VX_CTRL_BRS : 0) |
+                                      ((flags & VXCLI_FRAME_FDF) ? VX_CTRL_EDL : 0));
+  if (flags & VXCLI_FRAME_ESI) out->flags = VX_MSGF_ESI;
+  if (data && length > 0) memcpy(out->data, data, length > 64 ? 64 : static_cast<size_t>(length));
+}
+
+void vxcli_can_frame_from_message(const VXMessage* m, vxcli_can_frame* out) {
+  if (!m || !out) return;
+  bool extended = m->control & VX_CTRL_IDE;
+  out->id = vxcli_can_id_from_device(m->id, extended);
+  out->flags = (extended ? VXCLI_FRAME_IDE : 0) | ((m->control & VX_CTRL_RTR) ? VXCLI_FRAME_RTR : 0) |
+               ((m->control & VX_CTRL_BRS) ? VXCLI_FRAME_BRS : 0) |
+               ((m->control & VX_CTRL_EDL) ? VXCLI_FRAME_FDF : 0) |
+               ((m->flags & VX_MSGF_ESI) ? VXCLI_FRAME_ESI : 0);
+  uint8_t dlc = m->control & VX_CTRL_DLC_MASK;
+  // Without FD a length code above 8 still means eight bytes.
+  if (!(m->control & VX_CTRL_EDL) && dlc > 8) dlc = 8;
+  out->dlc = dlc;
+  out->tx = (m->header & VX_MSG_TX) ? 1 : 0;
+  out->channel = m->port;
+  out->timestamp_us = m->timestamp;
+  memcpy(out->data, m->data, sizeof out->data);
+}
+
+void vxcli_lin_frame_from_message(const VXMessage* m, vxcli_lin_frame* out) {
+  if (!m || !out) return;
+  memset(out, 0, sizeof *out);
+  out->id = static_cast<uint8_t>(m->id & 0x3F);
+  uint8_t length = m->control & VX_LIN_CTRL_LEN_MASK;
+  out->dlc = length > 8 ? 8 : length;
+  out->checksum = m->lin_checksum;
+  out->checksum_type = (m->control & VX_LIN_CTRL_ENHANCED) ? 2 : 1;
+  out->errors = m->lin_status & VX_LIN_STATUS_ERROR_MASK;
+  out->header_only = out->dlc == 0;
+  out->tx = (m->header & VX_MSG_TX) ? 1 : 0;
+  out->channel = m->port;
+  out->timestamp_us = m->timestamp;
+  memcpy(out->data, m->data, 8);
+}
+
 size_t vxcli_frame_flag_words(uint32_t flags, char* out, size_t size) {
   if (!out || size == 0) return 0;
   Line line;

@@ -6,16 +6,16 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "vxapi.h"
+
 struct vxcli_json_writer;
 
 // CAN frame flag bits as written with --flags (words joined by '+').
-enum : uint32_t {
-  VXCLI_FRAME_IDE = 0x01,  // 29-bit identifier
-  VXCLI_FRAME_RTR = 0x02,  // remote frame
-  VXCLI_FRAME_BRS = 0x04,  // bit-rate switch
-  VXCLI_FRAME_FDF = 0x08,  // CAN FD frame
-  VXCLI_FRAME_ESI = 0x10,  // error state indicator
-};
+constexpr uint32_t VXCLI_FRAME_IDE = 0x01;  // 29-bit identifier
+constexpr uint32_t VXCLI_FRAME_RTR = 0x02;  // remote frame
+constexpr uint32_t VXCLI_FRAME_BRS = 0x04;  // bit-rate switch
+constexpr uint32_t VXCLI_FRAME_FDF = 0x08;  // CAN FD frame
+constexpr uint32_t VXCLI_FRAME_ESI = 0x10;  // error state indicator
 
 // Identifier from "0x1A0", "1A0" or "416"; -1 when invalid. A decimal value that fits an
 // 11-bit identifier prints a note on stderr because it may have been meant as hex.
@@ -61,6 +61,18 @@ struct vxcli_lin_frame {
   uint64_t timestamp_us;
   uint8_t data[8];
 };
+
+// Device message record <-> printer records.
+void vxcli_can_message_init(VXMessage* out, uint32_t id, uint32_t flags, uint8_t dlc,
+                            const uint8_t* data, int length);
+void vxcli_can_frame_from_message(const VXMessage* message, vxcli_can_frame* out);
+void vxcli_lin_frame_from_message(const VXMessage* message, vxcli_lin_frame* out);
+inline bool vxcli_message_is_can(const VXMessage* m) {
+  return (m->header & VX_MSG_TYPE_MASK) == VX_MSG_TYPE_CAN;
+}
+inline bool vxcli_message_is_lin(const VXMessage* m) {
+  return (m->header & VX_MSG_TYPE_MASK) == VX_MSG_TYPE_LIN;
+}
 
 struct vxcli_frame_print_options {
   uint32_t format;         // VXCLI_FORMAT_*

@@ -14,7 +14,7 @@ using brokertest::patterned;
 
 vxcli_rx_record record_of(const Message& m) {
   vxcli_rx_record r{};
-  std::memcpy(r.message, m.data(), m.size());
+  r.message = m;
   return r;
 }
 
@@ -26,7 +26,7 @@ TEST(BrokerUninitialised, EverythingFailsQuietly) {
   EXPECT_EQ(-1, vxcli_rx_broker_attach(0, 0, 0, 4));
   EXPECT_EQ(-1, vxcli_rx_broker_detach(0));
   EXPECT_EQ(0, vxcli_rx_broker_is_attached(0));
-  EXPECT_EQ(-1, vxcli_rx_broker_publish(0, m.data()));
+  EXPECT_EQ(-1, vxcli_rx_broker_publish(0, &m));
   EXPECT_EQ(-1, vxcli_rx_broker_cursor_open(0, 1, &cursor));
   EXPECT_EQ(-1, vxcli_rx_broker_read(&cursor, &record, 0));
   EXPECT_EQ(-1, vxcli_rx_broker_stats(0, &stats));
@@ -53,7 +53,8 @@ TEST_F(BrokerTest, ArgumentChecks) {
   EXPECT_EQ(8192u, stats(31).capacity_records);
   EXPECT_EQ(8192u * 128, stats(31).capacity_bytes);
   EXPECT_EQ(-1, vxcli_rx_broker_publish(31, nullptr));
-  EXPECT_EQ(-1, vxcli_rx_broker_publish(30, can_frame(1, false, 0).data()));
+  const Message frame = can_frame(1, false, 0);
+  EXPECT_EQ(-1, vxcli_rx_broker_publish(30, &frame));
   EXPECT_EQ(-1, vxcli_rx_broker_cursor_open(31, 1, nullptr));
   ASSERT_EQ(0, vxcli_rx_broker_cursor_open(31, 1, &cursor));
   EXPECT_EQ(-1, vxcli_rx_broker_read(&cursor, nullptr, 0));
@@ -70,7 +71,7 @@ TEST_F(BrokerTest, PublishFillsRecordAndOverwritesOldest) {
   ASSERT_EQ(0, vxcli_rx_broker_attach(5, 0, 0, 4));
   const uint64_t epoch = stats(5).epoch;
   Message first = patterned(1);
-  first[95] = 0xEE;  // the whole device record is kept, up to its last byte
+  first.ptp_ns = 0xEE00000000000001ull;  // the whole device record is kept, up to its last byte
   publish(5, first);
   for (uint64_t n = 2; n <= 4; ++n) publish(5, patterned(n));
 
@@ -85,7 +86,7 @@ TEST_F(BrokerTest, PublishFillsRecordAndOverwritesOldest) {
   ASSERT_EQ(0, vxcli_rx_broker_cursor_open(5, 1, &cursor));
   vxcli_rx_record r{};
   ASSERT_EQ(1, vxcli_rx_broker_read(&cursor, &r, 0));
-  EXPECT_EQ(0, std::memcmp(first.data(), r.message, first.size()));
+  EXPECT_TRUE(brokertest::same_message(first, r.message));
   EXPECT_EQ(1u, r.sequence);
   EXPECT_EQ(epoch, r.epoch);
   EXPECT_EQ(5u, r.channel);
@@ -233,7 +234,8 @@ TEST_F(BrokerTest, DetachedChannelAndClosedCursor) {
   EXPECT_EQ(0, vxcli_rx_broker_is_attached(3));
   EXPECT_EQ(-2, vxcli_rx_broker_read(&other, &r, 0));
   EXPECT_EQ(-2, vxcli_rx_broker_read(&other, &r, 50));
-  EXPECT_EQ(-1, vxcli_rx_broker_publish(3, patterned(1).data()));
+  const Message frame = patterned(1);
+  EXPECT_EQ(-1, vxcli_rx_broker_publish(3, &frame));
   EXPECT_EQ(-1, vxcli_rx_broker_exclusive_begin(3, 0));
   EXPECT_EQ(0, vxcli_rx_broker_detach(3));  // detaching twice is harmless
   const auto s = stats(3);
@@ -314,13 +316,13 @@ TEST_F(BrokerTest, FilterMatching) {
   const auto ext = record_of(can_frame(0x18DAF110, true, 0));
   const auto lin = record_of(lin_frame(0x3C, 0));
   Message odd_type = can_frame(0x123, false, 0);
-  odd_type[0] = 5;
+  odd_type.header = VX_MSG_MARKER | 5;
   const auto other = record_of(odd_type);
   Message short_can = can_frame(0x123, false, 0);
-  brokertest::put16(short_can, 2, 7);
+  short_can.length = 7;
   const auto truncated = record_of(short_can);
   Message empty_lin = lin_frame(0x3C, 0);
-  brokertest::put16(empty_lin, 2, 0);
+  empty_lin.length = 0;
   const auto empty = record_of(empty_lin);
 
   EXPECT_EQ(0, vxcli_rx_filter_matches(&f, nullptr));
@@ -328,7 +330,7 @@ TEST_F(BrokerTest, FilterMatching) {
   for (const auto* r : {&std_rx, &std_tx, &ext, &lin, &other, &truncated, &empty})
     EXPECT_EQ(1, vxcli_rx_filter_matches(&f, r));
 
-  f.type_mask = 1u << VXCLI_RX_TYPE_CAN;
+  f.type_mask = 1u << VX_MSG_TYPE_CAN;
   EXPECT_EQ(1, vxcli_rx_filter_matches(&f, &std_rx));
   EXPECT_EQ(1, vxcli_rx_filter_matches(&f, &ext));
   EXPECT_EQ(0, vxcli_rx_filter_matches(&f, &lin));
@@ -389,7 +391,7 @@ TEST_F(BrokerTest, CursorFilterSkipsWithoutWaiting) {
   EXPECT_EQ(2u, r.sequence);
   std::memset(&r, 0xAB, sizeof r);
   EXPECT_EQ(0, vxcli_rx_broker_read(&cursor, &r, 0));
-  EXPECT_EQ(0xABu, r.message[0]);  // a filtered record is not handed out
+  EXPECT_EQ(0xABABu, r.message.header);  // a filtered record is not handed out
   EXPECT_EQ(1u, cursor.delivered);
   EXPECT_EQ(2u, cursor.filtered);
   EXPECT_EQ(4u, cursor.position);

@@ -70,7 +70,8 @@ TEST_F(BrokerTest, ReadersSeeEveryRecordOrItsExactLoss) {
   for (int i = 0; i < kReaders; ++i)
     readers.emplace_back(read_all, cursors[i], kTotal, i % 2 == 1, &logs[i]);
   for (uint64_t n = 1; n <= kTotal; ++n) {
-    ASSERT_EQ(0, vxcli_rx_broker_publish(kChannel, patterned(n).data()));
+    const brokertest::Message m = patterned(n);
+    ASSERT_EQ(0, vxcli_rx_broker_publish(kChannel, &m));
     if (n % 32 == 0) std::this_thread::yield();
   }
   for (auto& t : readers) t.join();

@@ -18,8 +18,8 @@ using brokertest::Message;
 using brokertest::patterned;
 
 constexpr int kChannel = 20;
-constexpr vxcli_rx_device_handle kDevice = 0x1000;
-constexpr vxcli_rx_notify_handle kNotify = 0x2000;
+VXHandle const kDevice = reinterpret_cast<VXHandle>(0x1000);
+constexpr VXNotifyHandle kNotify = 17;
 
 // A device queue the test fills; the worker drains it through the ops below.
 // An entry with a non-zero status makes one read fail with that status.
@@ -31,6 +31,7 @@ struct Scripted {
   std::atomic<int> reads_during_exclusive{0};
   std::atomic<int> foreign_handles{0};
   std::atomic<bool> endless{false};  // every read returns a frame, like a saturated bus
+  std::atomic<bool> broken{false};   // every call fails at once, like an unplugged device
 
   void push(const Message& m, uint32_t status = 0) {
     std::lock_guard<std::mutex> lock(mutex);
@@ -45,31 +46,33 @@ struct Scripted {
 
 Scripted* g_device = nullptr;
 
-uint32_t scripted_wait(vxcli_rx_notify_handle notification, int timeout_ms) {
+VXStatus scripted_wait(VXNotifyHandle notification, uint32_t timeout_ms) {
   if (notification != kNotify) g_device->foreign_handles++;
+  if (g_device->broken) return VX_ERR_INVALID_PARAM_VALUE;
   std::unique_lock<std::mutex> lock(g_device->mutex);
   g_device->cv.wait_for(lock, std::chrono::milliseconds(timeout_ms),
                         [] { return !g_device->queue.empty(); });
   return 0;
 }
 
-uint32_t scripted_read(vxcli_rx_device_handle device, void* message) {
+VXStatus scripted_read(VXHandle device, VXMessage* message) {
   if (device != kDevice) g_device->foreign_handles++;
   vxcli_rx_channel_stats s{};
   if (vxcli_rx_broker_stats(kChannel, &s) == 0 && s.exclusive_active)
     g_device->reads_during_exclusive++;
   const int n = ++g_device->reads;
+  if (g_device->broken) return VX_ERR_INVALID_HARDWARE;
   if (g_device->endless) {
-    std::memcpy(message, patterned(static_cast<uint64_t>(n)).data(), VXCLI_RX_MESSAGE_SIZE);
-    return 0;
+    *message = patterned(static_cast<uint64_t>(n));
+    return VX_OK;
   }
   std::lock_guard<std::mutex> lock(g_device->mutex);
-  if (g_device->queue.empty()) return 0x20;
+  if (g_device->queue.empty()) return VX_ERR_QUEUE_EMPTY;
   auto [status, m] = g_device->queue.front();
   g_device->queue.pop_front();
-  if (status != 0) return status;
-  std::memcpy(message, m.data(), m.size());
-  return 0;
+  if (status != VX_OK) return status;
+  *message = m;
+  return VX_OK;
 }
 
 const vxcli_rx_device_ops kScriptedOps = {scripted_wait, scripted_read};
@@ -132,9 +135,9 @@ TEST_F(BrokerWorker, DrainsEveryMessageInOrder) {
 TEST_F(BrokerWorker, CountsDrainsEndedByDeviceErrors) {
   device.push(patterned(1));
   device.push(patterned(2));
-  device.push(Message{}, 0x0B);  // a device error ends the drain
+  device.push(Message{}, VX_ERR_QUEUE_OVERRUN);  // any other status ends the drain
   device.push(patterned(3));
-  device.push(Message{}, 0x20 | 0x04000000u);
+  device.push(Message{}, VX_ERR_QUEUE_EMPTY | VX_ERR_NOT_INITIALIZED);
   ASSERT_TRUE(eventually([&] { return published() == 3 && device.pending() == 0; }));
   ASSERT_TRUE(eventually([&] { return stats(kChannel).read_errors == 2; }));
 }
@@ -163,11 +166,9 @@ TEST_F(BrokerWorker, PausesForExclusiveSessionAndResumes) {
   // The holder owns the device now: what arrives stays for it to read.
   device.push(patterned(100));
   device.push(patterned(101));
-  alignas(8) uint8_t direct[VXCLI_RX_MESSAGE_SIZE];
   {
     std::lock_guard<std::mutex> lock(device.mutex);
     ASSERT_EQ(2u, device.queue.size());
-    std::memcpy(direct, device.queue.front().second.data(), sizeof direct);
     device.queue.pop_front();
   }
   EXPECT_EQ(5u, published());
@@ -197,6 +198,17 @@ TEST_F(BrokerWorker, ExclusiveSessionInterruptsADrainThatNeverEnds) {
   EXPECT_EQ(0u, stats(kChannel).read_errors);
   ASSERT_EQ(0, vxcli_rx_broker_exclusive_end(kChannel));
   ASSERT_TRUE(eventually([&] { return device.reads.load() > reads; }));
+}
+
+TEST_F(BrokerWorker, FailingDeviceDoesNotSpinAndStillStops) {
+  device.broken = true;
+  ASSERT_TRUE(eventually([&] { return stats(kChannel).read_errors >= 2; }));
+  const int reads = device.reads.load();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_LT(device.reads.load() - reads, 100);  // a spinning worker makes ~10^5
+  ASSERT_EQ(0, vxcli_rx_broker_exclusive_begin(kChannel, 20000));
+  ASSERT_EQ(0, vxcli_rx_broker_exclusive_end(kChannel));
+  ASSERT_EQ(0, vxcli_rx_broker_detach(kChannel));
 }
 
 TEST_F(BrokerWorker, DetachStopsAPausedWorkerAndWakesReaders) {

@@ -70,15 +70,29 @@ class Json {
   int count_;
 };
 
-TEST(LdfCommandsText, InspectionLinesOfLin22) {
+// Keeps the registry that selectors are resolved against inside a sandbox.
+class LdfCommands : public testing::Test {
+ protected:
+  void SetUp() override {
+    const char* old = getenv("VXCLI_STATE_DIR");
+    had_state_ = old != nullptr;
+    if (old) saved_state_ = old;
+    setenv("VXCLI_STATE_DIR", sandbox_.path("state").c_str(), 1);
+  }
+  void TearDown() override {
+    if (had_state_) setenv("VXCLI_STATE_DIR", saved_state_.c_str(), 1);
+    else unsetenv("VXCLI_STATE_DIR");
+  }
+  vxtest::Sandbox sandbox_;
+  bool had_state_ = false;
+  std::string saved_state_;
+};
+
+TEST_F(LdfCommands, InspectionLinesOfLin22) {
   std::string file = ldf("lin22.ldf");
-  std::string path = vxtest::testdata("ldf/lin22.ldf");
-  char resolved[4096];
-  ASSERT_TRUE(realpath(path.c_str(), resolved));
   Output o = run(vxcli_ldf_info_command, {file});
   EXPECT_EQ(o.rc, 0) << o.err;
-  EXPECT_EQ(o.out, std::string("LDF ") + resolved +
-                       ": LIN 2.2, 19200 bps, master=CEM, nodes=3, signals=6, frames=6, schedules=5\n");
+  EXPECT_EQ(o.out, "LDF lin22: LIN 2.2, 19200 bps, master=CEM, nodes=3, signals=6, frames=6, schedules=5\n");
 
   o = run(vxcli_ldf_node_list_command, {file});
   EXPECT_EQ(o.out, "CEM                      master (cluster master)\n"
@@ -95,7 +109,7 @@ TEST(LdfCommandsText, InspectionLinesOfLin22) {
   o = run(vxcli_ldf_signal_list_command, {file});
   EXPECT_EQ(o.out.substr(0, o.out.find('\n') + 1),
             "InternalLightsRequest    2 bits initial=0 publisher=CEM\n");
-  o = run(vxcli_ldf_signal_show_command, {"--name=InternalLightsRequest", file});
+  o = run(vxcli_ldf_signal_show_command, {file, "InternalLightsRequest"});
   EXPECT_EQ(o.out, "InternalLightsRequest size=2 initial=0 publisher=CEM subscribers=2\n");
 
   o = run(vxcli_ldf_schedule_list_command, {file});
@@ -108,7 +122,7 @@ TEST(LdfCommandsText, InspectionLinesOfLin22) {
                    "  3: Node_Status_Event delay=10 ms\n");
 }
 
-TEST(LdfCommandsCsv, RowsKeepTheirColumns) {
+TEST_F(LdfCommands, CsvRowsKeepTheirColumns) {
   Output o = run(vxcli_ldf_frame_list_command, {ldf("iso17987.ldf"), "--type=diagnostic"},
                  VXCLI_FORMAT_CSV);
   EXPECT_EQ(o.out, "name,type,id,publisher,dlc,checksum,operation\n"
@@ -130,7 +144,7 @@ TEST(LdfCommandsCsv, RowsKeepTheirColumns) {
   EXPECT_EQ(o.out, "name,entry_count\nVer,4\nInit,9\nOp,5\nOp3,7\nOp252,21\n");
 }
 
-TEST(LdfCommandsJson, EveryListIsOneValidDocument) {
+TEST_F(LdfCommands, JsonListsAreOneValidDocumentEach) {
   const vxcli_handler lists[] = {vxcli_ldf_info_command, vxcli_ldf_node_list_command,
                                  vxcli_ldf_frame_list_command, vxcli_ldf_signal_list_command,
                                  vxcli_ldf_schedule_list_command};
@@ -159,7 +173,7 @@ TEST(LdfCommandsJson, EveryListIsOneValidDocument) {
   EXPECT_EQ(frames.at({"count"}), "22");
 }
 
-TEST(LdfCommandsJson, ObjectsCarryTheirFields) {
+TEST_F(LdfCommands, JsonObjectsCarryTheirFields) {
   Json frame(run(vxcli_ldf_frame_show_command, {"MotorQuery", ldf("iso17987.ldf")},
                  VXCLI_FORMAT_JSON).out);
   EXPECT_EQ(frame.at({"frame", "id"}), "0x05");
@@ -206,7 +220,7 @@ TEST(LdfCommandsJson, ObjectsCarryTheirFields) {
   EXPECT_EQ(schedule.raw(schedule.member(resp, "delay_ms")), "10");
 }
 
-TEST(LdfCommandsErrors, ReportedOnceInTheChosenFormat) {
+TEST_F(LdfCommands, ErrorsAreReportedOnceInTheChosenFormat) {
   struct Case { vxcli_handler handler; std::vector<std::string> words; std::string message; };
   std::string file = ldf("lin22.ldf");
   const Case cases[] = {
@@ -220,6 +234,7 @@ TEST(LdfCommandsErrors, ReportedOnceInTheChosenFormat) {
       {vxcli_ldf_schedule_show_command, {"XYZ", file}, "LDF schedule not found: XYZ"},
       {vxcli_ldf_frame_list_command, {file, "--type=periodic"}, "invalid LDF frame type: periodic"},
       {vxcli_ldf_info_command, {"--ldf=/nonexistent/a.ldf"}, "database resource or file was not found"},
+      {vxcli_ldf_info_command, {}, "no matching database resource is loaded"},
       {vxcli_ldf_info_command, {"--database=" + vxtest::testdata("dbc/abs.dbc")},
        "database resource or file was not found"},
       {vxcli_ldf_schedule_activate_command, {file, "Normal_Schedule"},
@@ -246,8 +261,7 @@ TEST(LdfCommandsErrors, ReportedOnceInTheChosenFormat) {
     EXPECT_EQ(doc.at({"error", "code"}), "command_failed");
   }
   // A broken file reports the reader's message with its line.
-  vxtest::Sandbox sandbox;
-  std::string broken = sandbox.write_file("broken.ldf", "LIN_description_file;\nLIN_speed = 19200 baud;\n");
+  std::string broken = sandbox_.write_file("broken.ldf", "LIN_description_file;\nLIN_speed = 19200 baud;\n");
   Output o = run(vxcli_ldf_info_command, {"--database=" + broken});
   EXPECT_EQ(o.err, "ERROR: LIN_speed must use bps or kbps at line 2\n");
 }

@@ -124,7 +124,7 @@ TEST(LdfScheduleCommands, NonExecutableSchedulesAreRefusedBeforeSending) {
   std::string big = kCluster;
   std::string entries;
   for (int i = 0; i < 65; i++) entries += "F1 delay 5 ms; ";
-  big.insert(big.find("  T {"), "  Big { " + entries + "}\n");
+  big.insert(big.find("  T {"), "  Big { " + entries + "}\n  Long { F1 delay 40000 ms; F2 delay 25536 ms; }\n");
   LdfModel cluster = from_text(big);
   LdfModel lin22 = load("lin22.ldf");
   LdfModel iso = load("iso17987.ldf");
@@ -135,6 +135,7 @@ TEST(LdfScheduleCommands, NonExecutableSchedulesAreRefusedBeforeSending) {
   const Case cases[] = {
       {&cluster, "Big", "c", "LDF schedule must contain 1..64 entries"},
       {&cluster, "Mixed", "c", "schedule entry 1 (SP)" + tail},
+      {&cluster, "Long", "c", "LDF schedule cycle of 65536 ms exceeds 65535 ms"},
       {&cluster, "Nope", "c", "LDF schedule not found: Nope"},
       {&cluster, "T", "", "schedule name and --channel are required"},
       {&cluster, "T", "1 2", "invalid channel specification '1 2'"},

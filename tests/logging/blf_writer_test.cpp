@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <chrono>
+#include <thread>
 #include <vector>
 
 #include "blf_build.h"
@@ -268,6 +270,32 @@ TEST(BlfWriter, HeaderNamesFlushedContentBeforeClose) {
   BLFReader_close(r);
   destroy_blf_writer(w);
   EXPECT_EQ(get32(read(path), 32), 60u);
+}
+
+TEST(BlfWriter, FileOnDiskIsAlwaysCompleteAndNamedByItsHeader) {
+  TempDir dir;
+  std::string path = dir.file("batch.blf");
+  BLFWriter* w = create_blf_writer_default(path.c_str(), kNov2023);
+  auto check = [&](const char* when) {
+    SCOPED_TRACE(when);
+    Bytes f = read(path);
+    EXPECT_EQ(get64(f, 16), f.size());
+    auto cs = containers(f);  // whole containers only
+    size_t objects = 0;
+    for (auto& c : cs) objects += c.types.size();
+    EXPECT_EQ(get32(f, 32), objects);
+    return f.size();
+  };
+  for (int i = 0; i < 20000; i++) can(w, kNov2023 + (uint64_t)i * 1000);
+  size_t before = check("after many containers");
+  EXPECT_GT(before, 144u + 32 + 53 * 48);
+  // A batch waits at most a tenth of a second for the next container.
+  std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  for (int i = 0; i < 60; i++) can(w, kNov2023 + 30000000000ULL + (uint64_t)i);
+  EXPECT_EQ(check("after a pause"), blf_writer_current_file_size(w) - (32 + w->used));
+  destroy_blf_writer(w);
+  check("closed");
+  EXPECT_EQ(get32(read(path), 32), 20060u);
 }
 
 TEST(BlfWriter, FirstObjectSetsTheStartWhenNoneGiven) {

@@ -2,6 +2,7 @@
 #include <time.h>
 
 #include <cstring>
+#include <thread>
 
 #include "sim_fixture.h"
 
@@ -294,4 +295,57 @@ TEST_F(CanTest, BadCallsGiveStatusCodes) {
   EXPECT_EQ(VX_Read(again, &r, 0, nullptr), VX_ERR_NOT_INITIALIZED);
   ASSERT_EQ(VX_Init(), VX_OK);
   EXPECT_EQ(VX_Read(again, &r, 0, nullptr), VX_ERR_INVALID_CLIENT);  // UnInit closed it
+}
+
+TEST_F(CanTest, OneChannelUsedFromSeveralThreads) {
+  // The daemon's pattern: a receive worker per channel, a command thread that
+  // writes and asks for statistics, and channels opened and closed meanwhile.
+  VXHandle a = open_can("10356", 0, VX_CAN_MODE_NORMAL, 0, VX_OPEN_NO_TX_CONFIRM);
+  VXHandle b = open_can("10357", 0);
+  constexpr uint32_t kCount = 20000;
+  uint32_t received = 0, out_of_order = 0;
+  std::thread reader([&] {
+    VXNotifyHandle n;
+    VX_GetNotification(b, &n);
+    uint32_t next = 0;
+    while (received < kCount) {
+      if (VX_WaitForNotifications(&n, 1, 2000) != VX_OK) break;
+      VXMessage m;
+      while (VX_Read(b, &m, 0, nullptr) == VX_OK) {
+        uint32_t index;
+        std::memcpy(&index, m.data, 4);
+        out_of_order += index != next;
+        next = index + 1;
+        ++received;
+      }
+    }
+  });
+  std::thread control([&] {
+    for (int i = 0; i < 50; ++i) {
+      uint32_t v;
+      VX_Control(b, VX_CONTROL_STATISTIC, VX_STAT_GROUP_CHANNEL, VX_STAT_RX_PENDING, &v, 4);
+      VX_GetCanStatus(b, nullptr);
+      VXBitrate rate{500, 2000, 75, 75, {}};
+      VXHandle extra = nullptr;
+      if (VX_OpenEx(&extra, &info("10357", 1), 0, 0, &rate, 64, 0) == VX_OK) VX_Close(extra);
+    }
+  });
+  for (uint32_t i = 0; i < kCount; ++i) {
+    VXMessage m = can_frame(0x55, {uint8_t(i), uint8_t(i >> 8), uint8_t(i >> 16), 0});
+    ASSERT_EQ(VX_WriteCanMessage(a, &m), VX_OK);
+  }
+  control.join();
+  reader.join();
+  EXPECT_EQ(received, kCount);
+  EXPECT_EQ(out_of_order, 0u);
+
+  // Closing a channel while another thread waits in VX_Read ends that read.
+  std::thread blocked([&] {
+    VXMessage m;
+    VXStatus st = VX_Read(b, &m, 300, nullptr);
+    EXPECT_TRUE(st == VX_ERR_QUEUE_EMPTY || st == VX_ERR_INVALID_CLIENT) << st;
+  });
+  sleep_ms(50);
+  EXPECT_EQ(VX_Close(b), VX_OK);
+  blocked.join();
 }

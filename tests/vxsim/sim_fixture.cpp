@@ -1,5 +1,6 @@
 #include "sim_fixture.h"
 
+#include <dlfcn.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -114,6 +115,10 @@ bool is_tx(const VXMessage& m) { return m.header & VX_MSG_TX; }
 
 void SimTest::SetUp() {
   (void)g_role_result;
+  // The test must talk to the real library, not to a forwarder of the same name.
+  Dl_info where{};
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(&VX_Init), &where), 0);
+  ASSERT_NE(std::strstr(where.dli_fname, "libvxapi64.so"), nullptr) << where.dli_fname;
   setenv("VXSIM_DIR", sandbox_.env()["VXSIM_DIR"].c_str(), 1);
   for (const char* v : {"VXSIM_CLOCK_START", "VXSIM_TOPOLOGY", "VXSIM_IDLE_MS"}) unsetenv(v);
   ASSERT_EQ(VX_Init(), VX_OK);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -52,7 +53,7 @@ struct Chan {
   VXChannelInfo info{};
   std::shared_ptr<GlobalMap> global;
   std::mutex tx_mu, rx_mu;
-  uint64_t reported_dropped = 0;
+  std::atomic<uint64_t> reported_dropped{0};  // written under rx_mu, read by waiters
 
   ~Chan() {
     if (shm) munmap(shm, shm_size);
@@ -65,7 +66,7 @@ struct Library {
   std::mutex call_mu;  // one request on the socket at a time
   int init_count = 0;
   int sock = -1;
-  uint64_t connection = 0;
+  std::atomic<uint64_t> connection{0};
   std::shared_ptr<GlobalMap> global;
   std::vector<std::shared_ptr<Chan>> slots;  // handle = (generation << 16) | (slot + 1)
   std::vector<uint16_t> generations;
@@ -215,9 +216,10 @@ void drain_eventfd(int fd) {
   }
 }
 
+// Callers publish with a seq_cst store first: either the service sees the
+// new record before it sleeps, or this load sees it sleeping.
 void ring_doorbell(const Chan& ch) {
-  std::atomic_thread_fence(std::memory_order_seq_cst);
-  if (ch.global->global->sleeping.load(std::memory_order_relaxed)) {
+  if (ch.global->global->sleeping.load(std::memory_order_seq_cst)) {
     uint64_t one = 1;
     ssize_t w = write(ch.global->doorbell, &one, sizeof one);
     (void)w;
@@ -236,7 +238,7 @@ VXStatus enqueue(Chan& ch, VXMessage m, uint32_t timeout_ms, uint32_t* timestamp
       int64_t now = monotonic_ns();
       m.ptp_ns = static_cast<uint64_t>(now);  // the service turns this into bus time
       ch.tx[head % s->tx_capacity] = m;
-      s->tx_head.store(head + 1, std::memory_order_release);
+      s->tx_head.store(head + 1, std::memory_order_seq_cst);
       s->tx_frames.fetch_add(1, std::memory_order_relaxed);
       ring_doorbell(ch);
       if (timestamp) *timestamp = device_time_us(ch.global->global->clocks[ch.device_index], now);
@@ -488,8 +490,7 @@ VXStatus VX_Read(VXHandle handle, VXMessage* message, uint32_t timeout_ms, uint3
     st = channel_state(*ch);
     if (st != VX_OK) return st;
     s->rx_armed.store(1, std::memory_order_seq_cst);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (s->rx_head.load(std::memory_order_acquire) != tail) continue;
+    if (s->rx_head.load(std::memory_order_seq_cst) != tail) continue;
     int64_t left = deadline - monotonic_ns();
     if (timeout_ms == 0 || left <= 0) {
       if (pending) *pending = 0;

@@ -327,13 +327,12 @@ void Engine::push(Channel* ch, const VXMessage& m) {
     ch->port->dropped++;
   } else {
     ch->rx[head % s->rx_capacity] = m;
-    s->rx_head.store(head + 1, std::memory_order_release);
+    s->rx_head.store(head + 1, std::memory_order_seq_cst);
     s->rx_frames.fetch_add(1, std::memory_order_relaxed);
   }
   // The reader arms the notification when it found the queue empty; only
   // then is a wake-up (a system call) needed.
-  std::atomic_thread_fence(std::memory_order_seq_cst);
-  if (s->rx_armed.load(std::memory_order_relaxed) && s->rx_armed.exchange(0)) {
+  if (s->rx_armed.load(std::memory_order_seq_cst) && s->rx_armed.exchange(0)) {
     uint64_t one = 1;
     ssize_t w = write(ch->event_fd, &one, sizeof one);
     (void)w;
@@ -583,7 +582,7 @@ size_t Engine::process_tx(size_t budget) {
 
 bool Engine::tx_pending() const {
   for (Channel* ch : channels_)
-    if (ch->shm->tx_head.load(std::memory_order_acquire) != ch->shm->tx_tail.load(std::memory_order_relaxed))
+    if (ch->shm->tx_head.load(std::memory_order_seq_cst) != ch->shm->tx_tail.load(std::memory_order_relaxed))
       return true;
   return false;
 }

@@ -458,7 +458,6 @@ void Service::loop() {
       // Going to sleep: tell writers to ring the doorbell, then look once
       // more so that a frame queued in between is not left waiting.
       global->sleeping.store(1, std::memory_order_seq_cst);
-      std::atomic_thread_fence(std::memory_order_seq_cst);
       if (engine_.tx_pending()) {
         global->sleeping.store(0, std::memory_order_relaxed);
       } else {
