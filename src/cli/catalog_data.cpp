@@ -1029,7 +1029,7 @@ const Row kRows[] = {
      "Find ECUs that answer a UDS request in an identifier range.",
      nullptr,
      {
-         kChannel,
+         kUdsChannel,
          {"--start-id=<id>", "no", "0x700", nullptr, "First request CAN ID probed."},
          {"--end-id=<id>", "no", "0x7FF", nullptr,
           "Last request CAN ID probed; at most 4096 IDs per scan."},
