@@ -2107,6 +2107,8 @@ const Row kRows[] = {
      {
          {"--file=<DBC-path>", "yes", nullptr, nullptr, "DBC file to register."},
          kDbName,
+         {"--type=<dbc>", "no", "dbc", nullptr,
+          "Resource type; the file must still have the .dbc extension."},
      },
      "vxcli dbc load --file=vehicle.dbc",
      "Same as database load for a .dbc file.",
@@ -2219,6 +2221,8 @@ const Row kRows[] = {
      {
          {"--file=<LDF-path>", "yes", nullptr, nullptr, "LDF file to register."},
          kDbName,
+         {"--type=<ldf>", "no", "ldf", nullptr,
+          "Resource type; the file must still have the .ldf extension."},
      },
      "vxcli ldf load --file=cluster.ldf",
      "LDF source files remain read-only.",
@@ -2408,6 +2412,8 @@ const Row kRows[] = {
      {
          {"--file=<A2L-path>", "yes", nullptr, nullptr, "A2L file to register."},
          kDbName,
+         {"--type=<a2l>", "no", "a2l", nullptr,
+          "Resource type; the file must still have the .a2l extension."},
      },
      "vxcli a2l load --file=engine.a2l --name=engine",
      "Same as database load for an .a2l file.",
