@@ -1,0 +1,47 @@
+// Daemon side: the serving loop, request parsing and the command processor.
+#pragma once
+
+#include <cstddef>
+
+inline constexpr size_t VXCLI_DAEMON_BUFFER_SIZE = 0xA00000;
+inline constexpr int VXCLI_DAEMON_SLOTS = 32;
+inline constexpr int VXCLI_DAEMON_MAX_ARGV = 127;
+
+// Runs the main loop; ends the process with status 0 on shutdown.
+[[noreturn]] void vxcli_daemon_run();
+int vxcli_daemon_command_try_lock();
+void vxcli_daemon_command_unlock();
+
+// Opens the channels named on the daemon's command line; each failure is logged
+// and skipped. Returns the number opened.
+int vxcli_daemon_open_channels_config(const char* channels, const char* mode, const char* bitrate,
+                                      const char* termination);
+
+// A structured request, decoded. argv points into strings.
+struct daemon_ipc_request {
+  int argc;
+  char* argv[VXCLI_DAEMON_MAX_ARGV + 2];  // + "--format=..." + null
+  char format[16];
+  char project[1024];
+  char strings[65536 + 32];
+};
+
+// 0 when line is a valid structured request, -1 otherwise.
+int daemon_parse_ipc_request(const char* line, daemon_ipc_request* request);
+
+// Answers one request line into response (size VXCLI_DAEMON_BUFFER_SIZE or
+// the given size); returns the answer text (response or a constant).
+const char* daemon_process_command(const char* request, char* response, size_t size);
+
+// True when the request text asks for a JSON answer.
+bool daemon_request_wants_json(const char* request);
+// Turns an "ERROR:" answer into the JSON error envelope in out; returns out,
+// or answer itself when it needs no envelope.
+const char* daemon_json_error_envelope(const char* answer, char* out, size_t size);
+
+// Daemon state the processor and the loop share.
+void daemon_state_init();
+void daemon_request_stop();
+bool daemon_is_running();
+// Closes every open slot and shuts the broker down.
+void daemon_close_all_slots();
