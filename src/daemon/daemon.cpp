@@ -37,12 +37,6 @@ const char kTooLargeEnvelope[] =
     "{\"code\":\"response_too_large\",\"message\":\"daemon error response exceeded limit\","
     "\"details\":{},\"retryable\":false}}\n";
 
-bool token_is(const char* text, const vxcli_json_token& token, const char* word) {
-  size_t n = strlen(word);
-  return token.type == VXCLI_JSON_STRING && static_cast<size_t>(token.end - token.start) == n &&
-         memcmp(text + token.start, word, n) == 0;
-}
-
 // Uid owning the loopback socket whose local port is peer_port and which is
 // connected to our_port; -1 when not found.
 long peer_uid(int peer_port, int our_port) {

@@ -13,43 +13,21 @@
 #include "daemon/arbiter.h"
 #include "daemon/client.h"
 #include "daemon/daemon.h"
+#include "daemon/daemon_state.h"
 #include "daemon/rx_broker.h"
 #include "message/frame.h"
 #include "vxapi.h"
 
-namespace {
+Slot g_daemon_slots[VXCLI_DAEMON_SLOTS];
+vxcli_control_arbiter g_daemon_arbiter;
 
-struct Slot {
-  VXHandle handle;
-  VXNotifyHandle notify;
-  VXChannelInfo info;
-  bool lin;
-  uint32_t mode;
-  VXBitrate bitrate;
-  uint32_t termination;
-  bool open;
-};
-
-Slot g_slots[VXCLI_DAEMON_SLOTS];
-vxcli_control_arbiter g_arbiter;
-uint64_t g_start_ms = 0;
-bool g_running = false;
-
-uint64_t now_ms() {
+uint64_t daemon_now_ms() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
 }
 
-// Bounded appender over the response buffer.
-struct Out {
-  char* data;
-  size_t size;
-  size_t length;
-};
-
-void put(Out* out, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void put(Out* out, const char* format, ...) {
+void daemon_put(Out* out, const char* format, ...) {
   if (out->length + 1 >= out->size) return;
   va_list args;
   va_start(args, format);
@@ -59,30 +37,52 @@ void put(Out* out, const char* format, ...) {
   if (out->length >= out->size) out->length = out->size - 1;
 }
 
-void put_json_string(Out* out, const char* text) {
+void daemon_put_json_string(Out* out, const char* text) {
   char escaped[512];
   vxcli_json_escape_to(text, escaped, sizeof escaped);
-  put(out, "\"%s\"", escaped);
+  daemon_put(out, "\"%s\"", escaped);
 }
 
-void slot_identity(const Slot& s, char* out, size_t size) {
+const char* Words::option(const char* name) const { return vxcli_get_option(argc, argv, name); }
+bool Words::flag(const char* name) const { return vxcli_has_flag(argc, argv, name); }
+
+bool daemon_is(const char* a, const char* b) { return a && b && strcmp(a, b) == 0; }
+
+void daemon_slot_identity(const Slot& s, char* out, size_t size) {
   char serial[40];
   vxcli_render_serial(s.info.serial, serial, sizeof serial);
   snprintf(out, size, "SN%s/port%d", serial, s.info.port);
 }
 
-bool same_physical(const VXChannelInfo& a, const VXChannelInfo& b) {
+bool daemon_same_physical(const VXChannelInfo& a, const VXChannelInfo& b) {
   if (a.port != b.port) return false;
   if (a.serial[0] || b.serial[0]) return memcmp(a.serial, b.serial, sizeof a.serial) == 0;
   return memcmp(a.unique_id, b.unique_id, sizeof a.unique_id) == 0 && a.usb_vid == b.usb_vid &&
          a.usb_pid == b.usb_pid;
 }
 
-int open_count() {
+int daemon_open_count() {
   int n = 0;
-  for (const Slot& s : g_slots) n += s.open ? 1 : 0;
+  for (const Slot& s : g_daemon_slots) n += s.open ? 1 : 0;
   return n;
 }
+
+int daemon_required_slot(const Words& w, const char** error, Out* out) {
+  if (!w.option("channel")) {
+    *error = "ERROR: --channel is required\n";
+    return -1;
+  }
+  int slots[VXCLI_DAEMON_SLOTS];
+  if (daemon_selected_slots(w, slots, error, out) < 0) return -1;
+  return slots[0];
+}
+
+namespace {
+
+Slot* const g_slots = g_daemon_slots;
+vxcli_control_arbiter& g_arbiter = g_daemon_arbiter;
+uint64_t g_start_ms = 0;
+bool g_running = false;
 
 const char* can_mode_name(uint32_t mode) {
   switch (mode) {
@@ -151,8 +151,7 @@ int open_into_slot(int index, const VXChannelInfo& info, bool lin, uint32_t mode
   }
   VXNotifyHandle notify = 0;
   VX_GetNotification(handle, &notify);
-  if (vxcli_rx_broker_attach(index, reinterpret_cast<vxcli_rx_device_handle>(handle),
-                             static_cast<vxcli_rx_notify_handle>(notify), 8192) != 0) {
+  if (vxcli_rx_broker_attach(index, handle, notify, 8192) != 0) {
     printf(lin ? "Daemon: failed to attach LIN RX broker for slot %d\n"
                : "Daemon: failed to attach RX broker for slot %d\n",
            index);
@@ -177,7 +176,9 @@ int open_into_slot(int index, const VXChannelInfo& info, bool lin, uint32_t mode
   return 0;
 }
 
-void close_slot(int index) {
+}  // namespace
+
+void daemon_close_channel(int index) {
   Slot& s = g_slots[index];
   if (!s.open) return;
   vxcli_rx_broker_detach(index);
@@ -189,13 +190,17 @@ void close_slot(int index) {
   printf("Daemon: slot %d closed\n", index);
 }
 
-int reopen_slot(int index) {
+namespace {
+
+}  // namespace
+
+int daemon_reopen_slot(int index) {
   Slot& s = g_slots[index];
   VXChannelInfo infos[32];
   int count = 0;
   if (vxcli_enumerate(infos, &count) == VX_OK) {
     for (int i = 0; i < count; i++) {
-      if (!same_physical(infos[i], s.info)) continue;
+      if (!daemon_same_physical(infos[i], s.info)) continue;
       if (open_into_slot(index, infos[i], s.lin, s.mode, s.bitrate, s.termination) != 0) return -1;
       char serial[40];
       vxcli_render_serial(s.info.serial, serial, sizeof serial);
@@ -208,6 +213,8 @@ int reopen_slot(int index) {
   printf("Daemon: recovery failed for slot %d (SN=%s port=%u not found)\n", index, serial, s.info.port);
   return -1;
 }
+
+namespace {
 
 // Options for opening one channel; fills *error with an answer on failure.
 struct OpenRequest {
@@ -240,7 +247,7 @@ int open_channel(const OpenRequest& request, bool* reused, char* error, size_t s
     return -1;
   }
   for (int i = 0; i < VXCLI_DAEMON_SLOTS; i++) {
-    if (g_slots[i].open && same_physical(g_slots[i].info, *entry)) {
+    if (g_slots[i].open && daemon_same_physical(g_slots[i].info, *entry)) {
       char serial[40];
       vxcli_render_serial(entry->serial, serial, sizeof serial);
       printf("Daemon: channel SN%s/port%d already open (slot %d)\n", serial, entry->port, i);
@@ -311,8 +318,10 @@ bool all_digits(const char* text) {
   return true;
 }
 
+}  // namespace
+
 // A slot number or a serial/port specification naming an open slot; -1 otherwise.
-int resolve_slot(const char* text) {
+int daemon_resolve_ch(const char* text) {
   if (all_digits(text)) {
     int index = atoi(text);
     return (index < VXCLI_DAEMON_SLOTS && g_slots[index].open) ? index : -1;
@@ -331,41 +340,33 @@ int resolve_slot(const char* text) {
   return entry ? map[entry - infos] : -1;
 }
 
-struct Words {
-  int argc;
-  char** argv;
-  bool json;
-  const char* word(int i) const { return i < argc ? argv[i] : nullptr; }
-  const char* option(const char* name) const { return vxcli_get_option(argc, argv, name); }
-};
-
-bool is(const char* a, const char* b) { return a && b && strcmp(a, b) == 0; }
+namespace {
 
 const char* answer_daemon_status(const Words& w, Out* out) {
-  unsigned uptime = static_cast<unsigned>((now_ms() - g_start_ms) / 1000);
+  unsigned uptime = static_cast<unsigned>((daemon_now_ms() - g_start_ms) / 1000);
   unsigned pid = static_cast<unsigned>(getpid());
   if (w.json) {
-    put(out, "{\"status\":\"ok\",\"state\":\"running\",\"pid\":%u,\"port\":%d,\"uptime_seconds\":%u,"
+    daemon_put(out, "{\"status\":\"ok\",\"state\":\"running\",\"pid\":%u,\"port\":%d,\"uptime_seconds\":%u,"
              "\"open_channels\":%d,\"channels\":[",
-        pid, vxcli_daemon_port(), uptime, open_count());
+        pid, vxcli_daemon_port(), uptime, daemon_open_count());
     bool first = true;
     for (int i = 0; i < VXCLI_DAEMON_SLOTS; i++) {
       const Slot& s = g_slots[i];
       if (!s.open) continue;
       char identity[64];
-      slot_identity(s, identity, sizeof identity);
+      daemon_slot_identity(s, identity, sizeof identity);
       const vxcli_control_channel& c = g_arbiter.channels[i];
-      put(out, "%s{\"slot\":%d,\"channel\":", first ? "" : ",", i);
-      put_json_string(out, identity);
-      put(out, ",\"bus\":\"%s\",\"owner\":\"%s\",\"phase\":\"%s\",\"generation\":%llu}", s.lin ? "lin" : "can",
+      daemon_put(out, "%s{\"slot\":%d,\"channel\":", first ? "" : ",", i);
+      daemon_put_json_string(out, identity);
+      daemon_put(out, ",\"bus\":\"%s\",\"owner\":\"%s\",\"phase\":\"%s\",\"generation\":%llu}", s.lin ? "lin" : "can",
           vxcli_control_owner_name(c.owner), vxcli_control_phase_name(c.phase),
           static_cast<unsigned long long>(c.config_generation));
       first = false;
     }
-    put(out, "]}\n");
+    daemon_put(out, "]}\n");
     return out->data;
   }
-  put(out, "OK: daemon running, %d channel(s) open, pid=%d, uptime=%us\n", open_count(), static_cast<int>(pid),
+  daemon_put(out, "OK: daemon running, %d channel(s) open, pid=%d, uptime=%us\n", daemon_open_count(), static_cast<int>(pid),
       uptime);
   for (int i = 0; i < VXCLI_DAEMON_SLOTS; i++) {
     const Slot& s = g_slots[i];
@@ -373,7 +374,7 @@ const char* answer_daemon_status(const Words& w, Out* out) {
     char serial[40];
     vxcli_render_serial(s.info.serial, serial, sizeof serial);
     const vxcli_control_channel& c = g_arbiter.channels[i];
-    put(out, "  ch%d = SN%s/port%d (slot %d, owner=%s, phase=%s, generation=%llu)\n", i, serial, s.info.port, i,
+    daemon_put(out, "  ch%d = SN%s/port%d (slot %d, owner=%s, phase=%s, generation=%llu)\n", i, serial, s.info.port, i,
         vxcli_control_owner_name(c.owner), vxcli_control_phase_name(c.phase),
         static_cast<unsigned long long>(c.config_generation));
   }
@@ -388,37 +389,39 @@ const char* answer_channel_open(const Words& w, Out* out) {
   if (index < 0) return out->data;
   const Slot& s = g_slots[index];
   char identity[64];
-  slot_identity(s, identity, sizeof identity);
+  daemon_slot_identity(s, identity, sizeof identity);
   if (w.json) {
-    put(out, "{\"status\":\"ok\",\"state\":\"%s\",\"slot\":%d,\"channel\":", reused ? "already_open" : "opened",
+    daemon_put(out, "{\"status\":\"ok\",\"state\":\"%s\",\"slot\":%d,\"channel\":", reused ? "already_open" : "opened",
         index);
-    put_json_string(out, identity);
+    daemon_put_json_string(out, identity);
     if (s.lin)
-      put(out, ",\"bus\":\"lin\",\"mode\":\"%s\",\"bitrate\":%u}\n", lin_mode_name(s.mode), s.bitrate.nominal_kbps);
+      daemon_put(out, ",\"bus\":\"lin\",\"mode\":\"%s\",\"bitrate\":%u}\n", lin_mode_name(s.mode), s.bitrate.nominal_kbps);
     else
-      put(out, ",\"bus\":\"can\",\"mode\":\"%s\",\"bitrate\":%u,\"data_bitrate\":%u}\n", can_mode_name(s.mode),
+      daemon_put(out, ",\"bus\":\"can\",\"mode\":\"%s\",\"bitrate\":%u,\"data_bitrate\":%u}\n", can_mode_name(s.mode),
           s.bitrate.nominal_kbps, s.bitrate.data_kbps);
   } else if (reused) {
-    put(out, "OK: channel %s already open (slot %d, %s)\n", request.spec, index, identity);
+    daemon_put(out, "OK: channel %s already open (slot %d, %s)\n", request.spec, index, identity);
   } else if (s.lin) {
-    put(out, "OK: channel %s opened (slot %d, %s, LIN, mode=%s, bitrate=%u bps)\n", request.spec, index, identity,
+    daemon_put(out, "OK: channel %s opened (slot %d, %s, LIN, mode=%s, bitrate=%u bps)\n", request.spec, index, identity,
         lin_mode_name(s.mode), s.bitrate.nominal_kbps);
   } else {
-    put(out, "OK: channel %s opened (slot %d, %s, CAN, mode=%s, bitrate=%u/%u)\n", request.spec, index, identity,
+    daemon_put(out, "OK: channel %s opened (slot %d, %s, CAN, mode=%s, bitrate=%u/%u)\n", request.spec, index, identity,
         can_mode_name(s.mode), s.bitrate.nominal_kbps, s.bitrate.data_kbps);
   }
   return out->data;
 }
 
+}  // namespace
+
 // Slots a command addresses: the one of --channel=, else every open slot.
 // Returns the count, or -1 with the error answer in *error.
-int selected_slots(const Words& w, int* slots, const char** error, Out* out) {
+int daemon_selected_slots(const Words& w, int* slots, const char** error, Out* out) {
   const char* selector = w.option("channel");
   if (selector) {
-    int index = resolve_slot(selector);
+    int index = daemon_resolve_ch(selector);
     if (index < 0) {
-      if (all_digits(selector)) put(out, "ERROR: channel slot %s not open\n", selector);
-      else put(out, "ERROR: channel %s is not open\n", selector);
+      if (all_digits(selector)) daemon_put(out, "ERROR: channel slot %s not open\n", selector);
+      else daemon_put(out, "ERROR: channel %s is not open\n", selector);
       *error = out->data;
       return -1;
     }
@@ -435,21 +438,23 @@ int selected_slots(const Words& w, int* slots, const char** error, Out* out) {
   return n;
 }
 
+namespace {
+
 const char* answer_channel_close(const Words& w, Out* out) {
   const char* selector = w.option("channel");
   if (!selector) return "ERROR: --channel is required\n";
   int slots[VXCLI_DAEMON_SLOTS];
   const char* error = nullptr;
-  if (selected_slots(w, slots, &error, out) < 0) return error;
+  if (daemon_selected_slots(w, slots, &error, out) < 0) return error;
   char identity[64];
-  slot_identity(g_slots[slots[0]], identity, sizeof identity);
-  close_slot(slots[0]);
+  daemon_slot_identity(g_slots[slots[0]], identity, sizeof identity);
+  daemon_close_channel(slots[0]);
   if (w.json) {
-    put(out, "{\"status\":\"ok\",\"state\":\"closed\",\"slot\":%d,\"channel\":", slots[0]);
-    put_json_string(out, identity);
-    put(out, "}\n");
+    daemon_put(out, "{\"status\":\"ok\",\"state\":\"closed\",\"slot\":%d,\"channel\":", slots[0]);
+    daemon_put_json_string(out, identity);
+    daemon_put(out, "}\n");
   } else {
-    put(out, "OK: channel %d closed (%s)\n", slots[0], identity);
+    daemon_put(out, "OK: channel %d closed (%s)\n", slots[0], identity);
   }
   return out->data;
 }
@@ -457,15 +462,15 @@ const char* answer_channel_close(const Words& w, Out* out) {
 const char* answer_channel_status(const Words& w, Out* out) {
   int slots[VXCLI_DAEMON_SLOTS];
   const char* error = nullptr;
-  int n = selected_slots(w, slots, &error, out);
+  int n = daemon_selected_slots(w, slots, &error, out);
   if (n < 0) return error;
-  if (w.json) put(out, "{\"status\":\"ok\",\"channels\":[");
-  else put(out, "OK: %d channel(s)\n", n);
+  if (w.json) daemon_put(out, "{\"status\":\"ok\",\"channels\":[");
+  else daemon_put(out, "OK: %d channel(s)\n", n);
   for (int k = 0; k < n; k++) {
     int i = slots[k];
     const Slot& s = g_slots[i];
     char identity[64];
-    slot_identity(s, identity, sizeof identity);
+    daemon_slot_identity(s, identity, sizeof identity);
     vxcli_rx_channel_stats stats;
     memset(&stats, 0, sizeof stats);
     vxcli_rx_broker_stats(i, &stats);
@@ -481,36 +486,36 @@ const char* answer_channel_status(const Words& w, Out* out) {
                                                 : "error-warning";
     }
     if (w.json) {
-      put(out, "%s{\"slot\":%d,\"channel\":", k ? "," : "", i);
-      put_json_string(out, identity);
+      daemon_put(out, "%s{\"slot\":%d,\"channel\":", k ? "," : "", i);
+      daemon_put_json_string(out, identity);
       if (s.lin)
-        put(out, ",\"bus\":\"lin\",\"mode\":\"%s\",\"bitrate\":%u", lin_mode_name(s.mode), s.bitrate.nominal_kbps);
+        daemon_put(out, ",\"bus\":\"lin\",\"mode\":\"%s\",\"bitrate\":%u", lin_mode_name(s.mode), s.bitrate.nominal_kbps);
       else
-        put(out, ",\"bus\":\"can\",\"mode\":\"%s\",\"bitrate\":%u,\"data_bitrate\":%u,\"state\":\"%s\","
+        daemon_put(out, ",\"bus\":\"can\",\"mode\":\"%s\",\"bitrate\":%u,\"data_bitrate\":%u,\"state\":\"%s\","
                  "\"tx_errors\":%u,\"rx_errors\":%u,\"busoff_count\":%u",
             can_mode_name(s.mode), s.bitrate.nominal_kbps, s.bitrate.data_kbps, state, can.tx_errors,
             can.rx_errors, can.busoff_count);
-      put(out, ",\"received\":%llu,\"buffered\":%llu}", static_cast<unsigned long long>(stats.published),
+      daemon_put(out, ",\"received\":%llu,\"buffered\":%llu}", static_cast<unsigned long long>(stats.published),
           static_cast<unsigned long long>(stats.buffered_records));
     } else if (s.lin) {
-      put(out, "  slot %d: %s LIN mode=%s bitrate=%u bps received=%llu\n", i, identity, lin_mode_name(s.mode),
+      daemon_put(out, "  slot %d: %s LIN mode=%s bitrate=%u bps received=%llu\n", i, identity, lin_mode_name(s.mode),
           s.bitrate.nominal_kbps, static_cast<unsigned long long>(stats.published));
     } else {
-      put(out, "  slot %d: %s CAN mode=%s bitrate=%u/%u state=%s tec=%u rec=%u received=%llu\n", i, identity,
+      daemon_put(out, "  slot %d: %s CAN mode=%s bitrate=%u/%u state=%s tec=%u rec=%u received=%llu\n", i, identity,
           can_mode_name(s.mode), s.bitrate.nominal_kbps, s.bitrate.data_kbps, state, can.tx_errors, can.rx_errors,
           static_cast<unsigned long long>(stats.published));
     }
   }
-  if (w.json) put(out, "]}\n");
+  if (w.json) daemon_put(out, "]}\n");
   return out->data;
 }
 
 const char* answer_channel_info(const Words& w, Out* out) {
   int slots[VXCLI_DAEMON_SLOTS];
   const char* error = nullptr;
-  int n = selected_slots(w, slots, &error, out);
+  int n = daemon_selected_slots(w, slots, &error, out);
   if (n < 0) return error;
-  if (w.json) put(out, "{\"status\":\"ok\",\"channels\":[");
+  if (w.json) daemon_put(out, "{\"status\":\"ok\",\"channels\":[");
   for (int k = 0; k < n; k++) {
     const Slot& s = g_slots[slots[k]];
     char serial[40], uid[40], caps[128];
@@ -518,23 +523,23 @@ const char* answer_channel_info(const Words& w, Out* out) {
     vxcli_render_unique_id(s.info.unique_id, uid, sizeof uid);
     vxcli_render_capabilities(s.info.capability, caps, sizeof caps);
     if (w.json) {
-      put(out, "%s{\"slot\":%d,\"name\":", k ? "," : "", slots[k]);
-      put_json_string(out, s.info.name);
-      put(out, ",\"serial\":");
-      put_json_string(out, serial);
-      put(out, ",\"unique_id\":");
-      put_json_string(out, uid);
-      put(out, ",\"port\":%u,\"firmware\":\"%u.%u.%u.%u\",\"capabilities\":", s.info.port, s.info.firmware[0],
+      daemon_put(out, "%s{\"slot\":%d,\"name\":", k ? "," : "", slots[k]);
+      daemon_put_json_string(out, s.info.name);
+      daemon_put(out, ",\"serial\":");
+      daemon_put_json_string(out, serial);
+      daemon_put(out, ",\"unique_id\":");
+      daemon_put_json_string(out, uid);
+      daemon_put(out, ",\"port\":%u,\"firmware\":\"%u.%u.%u.%u\",\"capabilities\":", s.info.port, s.info.firmware[0],
           s.info.firmware[1], s.info.firmware[2], s.info.firmware[3]);
-      put_json_string(out, caps);
-      put(out, "}");
+      daemon_put_json_string(out, caps);
+      daemon_put(out, "}");
     } else {
-      put(out, "slot %d: %s SN%s/port%u uid=%s firmware=%u.%u.%u.%u capabilities=%s\n", slots[k], s.info.name,
+      daemon_put(out, "slot %d: %s SN%s/port%u uid=%s firmware=%u.%u.%u.%u capabilities=%s\n", slots[k], s.info.name,
           serial, s.info.port, uid, s.info.firmware[0], s.info.firmware[1], s.info.firmware[2],
           s.info.firmware[3], caps);
     }
   }
-  if (w.json) put(out, "]}\n");
+  if (w.json) daemon_put(out, "]}\n");
   return out->data;
 }
 
@@ -551,7 +556,7 @@ const char* answer_message_send(const Words& w, Out* out) {
   if (!selector) return "ERROR: --channel is required\n";
   int slots[VXCLI_DAEMON_SLOTS];
   const char* error = nullptr;
-  if (selected_slots(w, slots, &error, out) < 0) return error;
+  if (daemon_selected_slots(w, slots, &error, out) < 0) return error;
   int index = slots[0];
   const Slot& s = g_slots[index];
   if (s.lin) return "ERROR: LIN message send through the daemon is not supported yet\n";
@@ -561,15 +566,15 @@ const char* answer_message_send(const Words& w, Out* out) {
   bool decimal = false;
   long id = vxcli_parse_message_id_quiet(id_text, &decimal);
   if (id < 0) {
-    put(out, "ERROR: invalid CAN identifier '%s'\n", id_text);
+    daemon_put(out, "ERROR: invalid CAN identifier '%s'\n", id_text);
     return out->data;
   }
   uint32_t flags = vxcli_parse_flags(w.option("flags") ? w.option("flags") : "");
   if (id > 0x7FF) flags |= VXCLI_FRAME_IDE;
   if (id > 0x1FFFFFFF) return "ERROR: CAN identifier exceeds 29 bits\n";
   const char* type = w.option("type");
-  if (is(type, "remote")) flags |= VXCLI_FRAME_RTR;
-  else if (type && !is(type, "data")) return "ERROR: CAN --type must be data or remote\n";
+  if (daemon_is(type, "remote")) flags |= VXCLI_FRAME_RTR;
+  else if (type && !daemon_is(type, "data")) return "ERROR: CAN --type must be data or remote\n";
   uint8_t data[64];
   memset(data, 0, sizeof data);
   int length = 0;
@@ -612,7 +617,7 @@ const char* answer_message_send(const Words& w, Out* out) {
     if (sent > 0 && cycle > 0) usleep(static_cast<useconds_t>(cycle) * 1000);
     VXStatus status = VX_Write(s.handle, &m, static_cast<uint32_t>(timeout), &timestamp);
     if (status != VX_OK) {
-      put(out, "ERROR: VX_Write failed: %s (0x%X) after %ld of %ld frame(s)\n", vxcli_status_to_string(status),
+      daemon_put(out, "ERROR: VX_Write failed: %s (0x%X) after %ld of %ld frame(s)\n", vxcli_status_to_string(status),
           status, sent, count);
       return out->data;
     }
@@ -620,11 +625,11 @@ const char* answer_message_send(const Words& w, Out* out) {
   char words[64];
   vxcli_frame_flag_words(flags, words, sizeof words);
   if (w.json)
-    put(out, "{\"status\":\"ok\",\"slot\":%d,\"id\":\"0x%lX\",\"dlc\":%d,\"flags\":\"%s\",\"sent\":%ld,"
+    daemon_put(out, "{\"status\":\"ok\",\"slot\":%d,\"id\":\"0x%lX\",\"dlc\":%d,\"flags\":\"%s\",\"sent\":%ld,"
              "\"timestamp_us\":%u}\n",
         index, id, dlc, words, sent, timestamp);
   else
-    put(out, "OK: sent %ld frame(s) id=0x%lX dlc=%d%s%s on slot %d\n", sent, id, dlc, words[0] ? " flags=" : "",
+    daemon_put(out, "OK: sent %ld frame(s) id=0x%lX dlc=%d%s%s on slot %d\n", sent, id, dlc, words[0] ? " flags=" : "",
         words, index);
   return out->data;
 }
@@ -633,11 +638,11 @@ const char* answer_daemon_restart(const Words& w, Out* out) {
   int failed = 0;
   for (int i = 0; i < VXCLI_DAEMON_SLOTS; i++) {
     if (!g_slots[i].open) continue;
-    close_slot(i);
-    if (reopen_slot(i) != 0) failed++;
+    daemon_close_channel(i);
+    if (daemon_reopen_slot(i) != 0) failed++;
   }
   if (failed) {
-    put(out, "ERROR: daemon restart failed to reopen %d channel(s)\n", failed);
+    daemon_put(out, "ERROR: daemon restart failed to reopen %d channel(s)\n", failed);
     return out->data;
   }
   return w.json ? "{\"status\":\"ok\",\"state\":\"restarted\"}\n" : "OK: restarted\n";
@@ -655,9 +660,9 @@ int split_words(char* text, char** argv, int max) {
 }  // namespace
 
 void daemon_state_init() {
-  memset(g_slots, 0, sizeof g_slots);
+  memset(g_daemon_slots, 0, sizeof g_daemon_slots);
   vxcli_control_arbiter_init(&g_arbiter);
-  g_start_ms = now_ms();
+  g_start_ms = daemon_now_ms();
   g_running = true;
 }
 
@@ -665,7 +670,7 @@ void daemon_request_stop() { g_running = false; }
 bool daemon_is_running() { return g_running; }
 
 void daemon_close_all_slots() {
-  for (int i = 0; i < VXCLI_DAEMON_SLOTS; i++) close_slot(i);
+  for (int i = 0; i < VXCLI_DAEMON_SLOTS; i++) daemon_close_channel(i);
 }
 
 int vxcli_daemon_open_channels_config(const char* channels, const char* mode, const char* bitrate,
@@ -708,19 +713,22 @@ const char* daemon_process_command(const char* request, char* response, size_t s
   }
   const char* a = w.word(0);
   const char* b = w.word(1);
-  if (is(a, "daemon") && is(b, "status")) return answer_daemon_status(w, &out);
-  if (is(a, "daemon") && is(b, "stop")) {
+  if (daemon_is(a, "daemon") && daemon_is(b, "status")) return answer_daemon_status(w, &out);
+  if (daemon_is(a, "daemon") && daemon_is(b, "stop")) {
     printf("Daemon: stop requested\n");
     daemon_close_all_slots();
     g_running = false;
     return w.json ? "{\"status\":\"ok\",\"state\":\"stopping\"}\n" : "OK: stopped\n";
   }
-  if (is(a, "daemon") && is(b, "restart")) return answer_daemon_restart(w, &out);
-  if (is(a, "channel") && is(b, "open")) return answer_channel_open(w, &out);
-  if (is(a, "channel") && is(b, "close")) return answer_channel_close(w, &out);
-  if (is(a, "channel") && is(b, "status")) return answer_channel_status(w, &out);
-  if (is(a, "channel") && is(b, "info")) return answer_channel_info(w, &out);
-  if (is(a, "message") && is(b, "send")) return answer_message_send(w, &out);
-  put(&out, "ERROR: unknown command '%s%s%s'\n", a ? a : "", b ? " " : "", b ? b : "");
+  if (daemon_is(a, "daemon") && daemon_is(b, "restart")) return answer_daemon_restart(w, &out);
+  if (daemon_is(a, "channel") && daemon_is(b, "open")) return answer_channel_open(w, &out);
+  if (daemon_is(a, "channel") && daemon_is(b, "close")) return answer_channel_close(w, &out);
+  if (daemon_is(a, "channel") && daemon_is(b, "status")) return answer_channel_status(w, &out);
+  if (daemon_is(a, "channel") && daemon_is(b, "info")) return answer_channel_info(w, &out);
+  if (daemon_is(a, "message") && daemon_is(b, "send")) return answer_message_send(w, &out);
+  if (const char* answer = daemon_answer_services(w, &out)) return answer;
+  if (const char* answer = daemon_answer_logging(w, &out)) return answer;
+  if (const char* answer = daemon_answer_diag(w, &out)) return answer;
+  daemon_put(&out, "ERROR: unknown command '%s%s%s'\n", a ? a : "", b ? " " : "", b ? b : "");
   return response;
 }

@@ -1,0 +1,81 @@
+// State the daemon's command processor shares with its service files: the
+// channel slot table, the arbiter, the request words and the answer buffer.
+// Everything here is touched only under the daemon command lock, except where
+// a comment says otherwise.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "daemon/arbiter.h"
+#include "daemon/daemon.h"
+#include "vxapi.h"
+
+inline constexpr int VXCLI_DAEMON_MAX_TXTASKS = 64;
+inline constexpr int VXCLI_DAEMON_MAX_ROUTES = 64;
+
+struct Slot {
+  VXHandle handle;
+  VXNotifyHandle notify;
+  VXChannelInfo info;
+  bool lin;
+  // Open configuration, kept to reopen the slot.
+  uint32_t mode;
+  VXBitrate bitrate;
+  uint32_t termination;
+  bool open;
+  // What the device last accepted, restored after a reopen.
+  VXTxTask txtasks[VXCLI_DAEMON_MAX_TXTASKS];
+  int txtask_count;
+  VXRoute routes[VXCLI_DAEMON_MAX_ROUTES];
+  int route_count;
+};
+
+extern Slot g_daemon_slots[VXCLI_DAEMON_SLOTS];
+extern vxcli_control_arbiter g_daemon_arbiter;
+
+// Bounded appender over the response buffer; output past the end is dropped.
+struct Out {
+  char* data;
+  size_t size;
+  size_t length;
+};
+void daemon_put(Out* out, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void daemon_put_json_string(Out* out, const char* text);
+
+// One request's words (command words first, then options) and its format.
+struct Words {
+  int argc;
+  char** argv;
+  bool json;
+  const char* word(int i) const { return i < argc ? argv[i] : nullptr; }
+  const char* option(const char* name) const;
+  bool flag(const char* name) const;
+};
+
+bool daemon_is(const char* a, const char* b);
+uint64_t daemon_now_ms();
+
+// "SN<serial>/port<n>" of a slot.
+void daemon_slot_identity(const Slot& s, char* out, size_t size);
+bool daemon_same_physical(const VXChannelInfo& a, const VXChannelInfo& b);
+int daemon_open_count();
+
+// A slot number or a serial/port specification naming an open slot; -1 otherwise.
+int daemon_resolve_ch(const char* text);
+// Slots a command addresses: the one of --channel=, else every open slot.
+// Returns the count, or -1 with the error answer in *error.
+int daemon_selected_slots(const Words& w, int* slots, const char** error, Out* out);
+// The slot of the required --channel= option; -1 with the error answer in *error.
+int daemon_required_slot(const Words& w, const char** error, Out* out);
+
+void daemon_close_channel(int slot);
+// Reopens a slot from its stored configuration (device found again by serial
+// and port); 0 or -1, logged. Restoring tasks and routes is the caller's.
+int daemon_reopen_slot(int slot);
+
+// Service families. Each answers the commands of its families into out and
+// returns the answer, or returns null when the command is not one of them.
+const char* daemon_answer_services(const Words& w, Out* out);  // txtask, route, can, lin, channel services
+const char* daemon_answer_logging(const Words& w, Out* out);   // logging, replay
+const char* daemon_answer_diag(const Words& w, Out* out);      // isotp, uds
