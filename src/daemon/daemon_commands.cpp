@@ -20,6 +20,7 @@
 
 Slot g_daemon_slots[VXCLI_DAEMON_SLOTS];
 vxcli_control_arbiter g_daemon_arbiter;
+bool g_daemon_auto_recover = true;
 
 uint64_t daemon_now_ms() {
   timespec ts;
@@ -664,6 +665,7 @@ void daemon_state_init() {
   vxcli_control_arbiter_init(&g_arbiter);
   g_start_ms = daemon_now_ms();
   g_running = true;
+  g_daemon_auto_recover = true;
 }
 
 void daemon_request_stop() { g_running = false; }
@@ -731,4 +733,8 @@ const char* daemon_process_command(const char* request, char* response, size_t s
   if (const char* answer = daemon_answer_diag(w, &out)) return answer;
   daemon_put(&out, "ERROR: unknown command '%s%s%s'\n", a ? a : "", b ? " " : "", b ? b : "");
   return response;
+}
+
+void vxcli_daemon_recovery_tick() {
+  // Filled in with bus-off detection and slot reopening.
 }

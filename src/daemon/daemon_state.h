@@ -79,3 +79,10 @@ int daemon_reopen_slot(int slot);
 const char* daemon_answer_services(const Words& w, Out* out);  // txtask, route, can, lin, channel services
 const char* daemon_answer_logging(const Words& w, Out* out);   // logging, replay
 const char* daemon_answer_diag(const Words& w, Out* out);      // isotp, uds
+
+// Automatic bus-off recovery after each synchronous request (on at start);
+// switched by "channel auto-recover on|off".
+extern bool g_daemon_auto_recover;
+// One pass of bus-off recovery over the open CAN slots; restores a reopened
+// slot's TX tasks and routes from its copies.
+void vxcli_daemon_recovery_tick();
