@@ -21,6 +21,7 @@
 
 #include "channel/channel.h"
 #include "cli/output.h"
+#include "daemon/daemon.h"
 #include "json/json.h"
 #include "project/dirs.h"
 
@@ -107,8 +108,6 @@ long request_duration(const char* request, size_t length) {
   return 0;
 }
 
-const char* kChannelOptions[] = {"channel", "mode",        "bitrate", "nbitrate", "dbitrate",
-                                 "termination", "pullup", "power",   "lin-version", "checksum"};
 
 }  // namespace
 
@@ -288,21 +287,12 @@ namespace {
 
 // Checks the start-up channel options the way the daemon will use them.
 int validate_start_options(const char* const values[10]) {
-  const char* channel = values[0];
-  if (channel) {
-    vxcli_channel_spec specs[32];
-    if (vxcli_parse_channel_list_ex(channel, specs, 32) <= 0) {
-      vxcli_print_error("Invalid channel specification: %s", channel);
-      return -1;
-    }
-  }
-  for (int i : {2, 3, 4}) {
-    if (!values[i]) continue;
-    vxcli_bitrate b;
-    if (vxcli_parse_bitrate_pair(values[i], &b) != 0) {
-      vxcli_print_error("invalid bitrate; use forms such as 500, 500K, 500000, or 1M");
-      return -1;
-    }
+  vxcli_daemon_channel_options o = {values[0], values[1], values[2], values[3], values[4],
+                                    values[5], values[6], values[7], values[8], values[9]};
+  char message[256];
+  if (vxcli_daemon_validate_channel_options(&o, message, sizeof message) != 0) {
+    vxcli_print_error("%s", message);
+    return -1;
   }
   return 0;
 }
@@ -454,7 +444,7 @@ int stop_impl(bool quiet) {
 
 int vxcli_daemon_start(int count, char** words) {
   const char* values[10];
-  for (int i = 0; i < 10; i++) values[i] = vxcli_get_option(count, words, kChannelOptions[i]);
+  for (int i = 0; i < 10; i++) values[i] = vxcli_get_option(count, words, vxcli_daemon_channel_option_names[i]);
   return start_impl(values, false);
 }
 

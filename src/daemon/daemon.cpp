@@ -16,10 +16,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
+#include <thread>
 
 #include "cli/hooks.h"
 #include "cli/output.h"
 #include "daemon/client.h"
+#include "daemon/daemon_recv.h"
 #include "daemon/rx_broker.h"
 #include "json/json.h"
 #include "vxapi.h"
@@ -122,8 +125,14 @@ void reopen_output_on_log() {
   setvbuf(stderr, nullptr, _IONBF, 0);
 }
 
+void stop_receivers();
+
 [[noreturn]] void shutdown_and_exit(int listener) {
-  daemon_close_all_slots();
+  stop_receivers();
+  {
+    std::lock_guard<std::mutex> guard(g_daemon_command_lock);
+    daemon_close_all_slots();
+  }
   vxcli_rx_broker_shutdown();
   if (listener >= 0) close(listener);
   char path[1024];
@@ -134,7 +143,66 @@ void reopen_output_on_log() {
   _exit(0);
 }
 
-void serve_connection(int fd, int port, char* request, char* response, char* envelope) {
+const char kRecvLimit[] = "ERROR: concurrent receive limit reached; retry later\n";
+
+// Body of a receive thread: capture, answer, close. Never takes the command lock.
+void receive_thread(int fd, daemon_recv_job* job, bool json) {
+  vxcli_json_writer answer;
+  if (vxcli_json_writer_init(&answer, 64 * 1024, VXCLI_DAEMON_BUFFER_SIZE - 1) != 0) {
+    const char refusal[] = "ERROR: out of memory for concurrent receive response\n";
+    write_all(fd, refusal, sizeof refusal - 1);
+  } else {
+    daemon_recv_run(job, &answer);
+    const char* text = vxcli_json_writer_data(&answer);
+    size_t length = vxcli_json_writer_length(&answer);
+    if (json && length >= 6 && strncmp(text, "ERROR:", 6) == 0) {
+      // Errors are one short line; the envelope needs it NUL-terminated.
+      std::string line(text, length);
+      std::string envelope(line.size() * 6 + 512, '\0');
+      const char* wrapped = daemon_json_error_envelope(line.c_str(), envelope.data(), envelope.size());
+      write_all(fd, wrapped, strlen(wrapped));
+    } else {
+      write_all(fd, text, length);
+    }
+  }
+  vxcli_json_writer_free(&answer);
+  close(fd);
+  daemon_recv_free(job);
+  g_daemon_async_readers.fetch_sub(1);
+}
+
+// Hands a "message recv" to a receive thread; true when the thread owns fd now.
+bool start_receive(int fd, const char* request, char* response, char* envelope) {
+  if (g_daemon_async_readers.load() >= VXCLI_DAEMON_MAX_RECEIVERS) {
+    write_all(fd, kRecvLimit, sizeof kRecvLimit - 1);
+    return false;
+  }
+  const bool json = daemon_request_wants_json(request);
+  const char* answer = nullptr;
+  daemon_recv_job* job;
+  {
+    std::lock_guard<std::mutex> guard(g_daemon_command_lock);
+    job = daemon_recv_begin(request, response, VXCLI_DAEMON_BUFFER_SIZE, &answer);
+    if (!job && json) answer = daemon_json_error_envelope(answer, envelope, VXCLI_DAEMON_BUFFER_SIZE);
+  }
+  if (!job) {
+    write_all(fd, answer, strlen(answer));
+    return false;
+  }
+  g_daemon_async_readers.fetch_add(1);
+  try {
+    std::thread(receive_thread, fd, job, json).detach();
+  } catch (...) {
+    g_daemon_async_readers.fetch_sub(1);
+    daemon_recv_free(job);
+    write_all(fd, kRecvLimit, sizeof kRecvLimit - 1);
+    return false;
+  }
+  return true;
+}
+
+// Serves one connection; true when a receive thread took it over.
+bool serve_connection(int fd, int port, char* request, char* response, char* envelope) {
   struct timeval timeout = {5, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
   sockaddr_in peer;
@@ -142,13 +210,15 @@ void serve_connection(int fd, int port, char* request, char* response, char* env
   if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peer_length) == 0) {
     long uid = peer_uid(ntohs(peer.sin_port), port);
     if (uid != static_cast<long>(getuid())) {
-      fprintf(stderr, "daemon: refused connection from port %d (uid %ld)\n", ntohs(peer.sin_port), uid);
+      fprintf(stdout, "Daemon: refused connection from port %d (uid %ld): not the daemon's user\n",
+              ntohs(peer.sin_port), uid);
       const char refusal[] = "ERROR: permission denied: daemon belongs to another user\n";
       write_all(fd, refusal, sizeof refusal - 1);
-      return;
+      return false;
     }
   }
-  if (read_line(fd, request, VXCLI_DAEMON_BUFFER_SIZE) == 0) return;
+  if (read_line(fd, request, VXCLI_DAEMON_BUFFER_SIZE) == 0) return false;
+  if (daemon_request_is_recv(request)) return start_receive(fd, request, response, envelope);
   const char* answer;
   {
     std::lock_guard<std::mutex> guard(g_daemon_command_lock);
@@ -157,6 +227,13 @@ void serve_connection(int fd, int port, char* request, char* response, char* env
       answer = daemon_json_error_envelope(answer, envelope, VXCLI_DAEMON_BUFFER_SIZE);
   }
   write_all(fd, answer, strlen(answer));
+  return false;
+}
+
+// Lets running receives finish their answers (they end once the broker is gone).
+void stop_receivers() {
+  g_daemon_recv_stop.store(true);
+  for (int waited = 0; g_daemon_async_readers.load() > 0 && waited < 3000; waited += 10) usleep(10000);
 }
 
 }  // namespace
@@ -312,8 +389,11 @@ void vxcli_daemon_run() {
   while (daemon_is_running()) {
     int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) continue;
-    serve_connection(fd, port, request, response, envelope);
-    close(fd);
+    bool handed_off = serve_connection(fd, port, request, response, envelope);
+    if (!handed_off) close(fd);
+    if (!daemon_is_running() || handed_off) continue;
+    std::lock_guard<std::mutex> guard(g_daemon_command_lock);
+    vxcli_daemon_recovery_tick();
   }
   shutdown_and_exit(listener);
 }
@@ -334,10 +414,8 @@ int vxcli_daemon_process_main(int count, char** words) {
     VX_UnInit();
     return 1;
   }
-  const char* channels = vxcli_get_option(count, words, "channel");
-  if (channels && channels[0])
-    vxcli_daemon_open_channels_config(channels, vxcli_get_option(count, words, "mode"),
-                                      vxcli_get_option(count, words, "bitrate"),
-                                      vxcli_get_option(count, words, "termination"));
+  vxcli_daemon_channel_options options;
+  vxcli_daemon_read_channel_options(count, words, &options);
+  if (options.channel && options.channel[0]) vxcli_daemon_open_channels_config(&options);
   vxcli_daemon_run();
 }

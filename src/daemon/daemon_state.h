@@ -24,6 +24,11 @@ struct Slot {
   VXBitrate bitrate;
   uint32_t termination;
   bool open;
+  // LIN open configuration (pull-up in ohm, 12 V output, protocol version, checksum model).
+  uint32_t lin_pullup;
+  uint32_t lin_power;
+  uint8_t lin_version;
+  uint8_t lin_checksum;
   // What the device last accepted, restored after a reopen.
   VXTxTask txtasks[VXCLI_DAEMON_MAX_TXTASKS];
   int txtask_count;
@@ -86,3 +91,20 @@ extern bool g_daemon_auto_recover;
 // One pass of bus-off recovery over the open CAN slots; restores a reopened
 // slot's TX tasks and routes from its copies.
 void vxcli_daemon_recovery_tick();
+
+// Command guard. Operation classes of a command line: 0 read-only, 1 shared
+// (sending, monitoring), 2 control (configuration, persistent jobs, close).
+int daemon_local_operation(char** argv, int argc);
+// The open slots a command names through --channel=, --src= and --dst= (lists
+// allowed, duplicates dropped, unknown selectors skipped), else every open slot.
+int daemon_collect_command_slots(char** argv, int argc, int* slots);
+// Null when a local control command may proceed, else the refusal in message.
+const char* daemon_guard_local_control(char** argv, int argc, char* message, size_t size);
+// After a control command succeeded: commits the touched slots' configuration.
+void daemon_commit_local_result(char** argv, int argc, const char* answer);
+// "channel claim" / "channel release".
+const char* daemon_answer_claim(const Words& w, Out* out);
+// Current time as the arbiter expects it from the command path (low 32 bits of ms).
+uint64_t daemon_arbiter_now();
+// A slot whose device vanished: closed on the device side, kept for reopening.
+bool daemon_slot_disconnected(int slot);
