@@ -247,7 +247,8 @@ bool daemon_request_wants_json(const char* request) {
 }
 
 const char* daemon_json_error_envelope(const char* answer, char* out, size_t size) {
-  if (answer && strncmp(answer, "ERROR:", 6) != 0) return answer;
+  // An empty answer is a failure too: the client must never get nothing back.
+  if (answer && answer[0] && strncmp(answer, "ERROR:", 6) != 0) return answer;
   if (answer && strncmp(answer, "ERROR: unknown command", 22) == 0) return answer;
   const char* text = (answer && answer[0]) ? answer : "ERROR: daemon command failed";
   text += 6;
@@ -335,7 +336,8 @@ void vxcli_daemon_run() {
             static_cast<int>(VXCLI_DAEMON_BUFFER_SIZE));
     _exit(1);
   }
-  daemon_state_init();
+  // Start-up channels may already sit in the slot table.
+  if (!daemon_is_running()) daemon_state_init();
   const int port = vxcli_daemon_port();
   char log_path[1024];
   if (vxcli_daemon_log_path(log_path, sizeof log_path) != 0) {
@@ -414,6 +416,7 @@ int vxcli_daemon_process_main(int count, char** words) {
     VX_UnInit();
     return 1;
   }
+  daemon_state_init();
   vxcli_daemon_channel_options options;
   vxcli_daemon_read_channel_options(count, words, &options);
   if (options.channel && options.channel[0]) vxcli_daemon_open_channels_config(&options);

@@ -640,7 +640,9 @@ const char* answer_channel_status(const Words& w, Out* out) {
       state = "disconnected";
     } else if (!s.lin) {
       VXStatus st = VX_GetCanStatus(s.handle, &can);
-      state = st != VX_OK ? "unknown"
+      bool known = st == VX_OK || st == VX_ERR_BUS_OFF || st == VX_ERR_BUS_PASSIVE || st == VX_ERR_BUS_HEAVY_ERROR;
+      state = st == VX_ERR_INVALID_HARDWARE ? "unplugged"
+              : !known                      ? "unknown"
               : can.state == 0 ? "error-active"
               : can.state == VX_ERR_BUS_OFF ? "bus-off"
               : can.state == VX_ERR_BUS_PASSIVE ? "error-passive"
@@ -1190,7 +1192,8 @@ void vxcli_daemon_recovery_tick() {
       reopen_in_place(i);
       continue;
     }
-    if (st != VX_OK || !(can.state & VX_ERR_BUS_OFF)) continue;
+    // The call answers with the bus state itself, bus-off included.
+    if (!((st & VX_ERR_BUS_OFF) || (st == VX_OK && (can.state & VX_ERR_BUS_OFF)))) continue;
     printf("Daemon: slot %d BUSOFF, recovering via VX_RecoverBusOff\n", i);
     VXStatus rs = VX_RecoverBusOff(s.handle);
     if (rs == VX_OK) {

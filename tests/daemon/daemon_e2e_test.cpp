@@ -196,16 +196,23 @@ TEST(DaemonE2E, StartOptionsAndLinChannels) {
                     "--lin-version=2.0", "--checksum=classic"});
   ASSERT_EQ(lin.rc, 0) << lin.out;
   EXPECT_EQ(lin.out, "OK: channel 10356/4 opened (slot 2, SN10356/port4, LIN, mode=master, bitrate=9600 bps)\n");
+  // LIN frames go out through the slot's own configuration (classic checksum).
+  EXPECT_EQ(d.run({"message", "send", "--channel=2", "--id=0x10", "--data=0102"}).out,
+            "OK: LIN master-write completed on slot 2: id=0x10 sent=1 checksum=classic\n");
+  auto unanswered = d.run({"message", "send", "--channel=2", "--id=0x11", "--type=master-read"});
+  EXPECT_EQ(unanswered.rc, 1);
+  EXPECT_EQ(unanswered.out.rfind("ERROR: LIN master-read failed on slot 2:", 0), 0u) << unanswered.out;
+  EXPECT_EQ(d.run({"message", "send", "--channel=2", "--id=0x40"}).out, "ERROR: LIN ID must be in range 0x00..0x3F\n");
   auto lin_term = d.run({"channel", "open", "--channel=10356/5", "--termination=120"});
   EXPECT_EQ(lin_term.out, "ERROR: --termination requires a CAN channel\n");
   auto can_pull = d.run({"channel", "open", "--channel=10356/3", "--power=on"});
   EXPECT_EQ(can_pull.out, "ERROR: --pullup and --power require a LIN channel\n");
 
   // Opening several at once names the failures beside the opened ones.
-  auto many = d.run({"channel", "open", "--channel=10357/0,10357/9", "--format=json"});
+  auto many = d.run({"channel", "open", "--channel=10357/0,10399/1", "--format=json"});
   ASSERT_EQ(many.rc, 0) << many.out;
   EXPECT_NE(many.out.find("\"channels\":[{\"state\":\"opened\",\"slot\":3,"), std::string::npos) << many.out;
-  EXPECT_NE(many.out.find("\"failed\":[{\"channel\":\"10357/9\""), std::string::npos) << many.out;
+  EXPECT_NE(many.out.find("\"failed\":[{\"channel\":\"10399/1\""), std::string::npos) << many.out;
 
   // Restart reopens every slot from its stored configuration, LIN included.
   auto restart = d.run({"daemon", "restart", "--format=json"});

@@ -119,8 +119,8 @@ TEST(DaemonRecvE2E, ClaimReleaseAndTheGuard) {
   auto renew = d.run({"channel", "claim", "--channel=1", "--format=json"});
   EXPECT_EQ(renew.out, "{\"status\":\"ok\",\"action\":\"channel_claim\",\"owner\":\"local\",\"timeout_ms\":300000,"
                        "\"channels\":[1]}\n");
-  EXPECT_EQ(d.run({"channel", "release", "--channel=0", "--timeout=5000"}).out,
-            "ERROR: --timeout is valid only for channel claim\n");
+  EXPECT_EQ(d.run({"channel", "release", "--channel=0", "--timeout=5000"}).rc, 1);
+  EXPECT_EQ(d.raw("channel release --channel=0 --timeout=5000"), "ERROR: --timeout is valid only for channel claim\n");
   EXPECT_EQ(d.run({"channel", "claim", "--channel=0", "--timeout=999"}).out,
             "ERROR: --timeout must be 1000..86400000 ms\n");
   EXPECT_EQ(d.run({"channel", "claim", "--channel=0", "--timeout=86400001"}).out,
