@@ -134,6 +134,7 @@ void stop_receivers();
     daemon_close_all_slots();
   }
   vxcli_rx_broker_shutdown();
+  VX_UnInit();
   if (listener >= 0) close(listener);
   char path[1024];
   if (vxcli_daemon_pid_path(path, sizeof path) == 0) unlink(path);
@@ -189,6 +190,7 @@ bool start_receive(int fd, const char* request, char* response, char* envelope) 
     write_all(fd, answer, strlen(answer));
     return false;
   }
+  job->peer_fd = fd;
   g_daemon_async_readers.fetch_add(1);
   try {
     std::thread(receive_thread, fd, job, json).detach();

@@ -1,6 +1,8 @@
 // "message recv" served from the receive broker on a receive thread.
 #include "daemon/daemon_recv.h"
 
+#include <poll.h>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -44,6 +46,12 @@ bool append_line(vxcli_json_writer* answer, const vxcli_json_writer* line) {
   if (vxcli_json_writer_length(answer) + n + 1 > answer->limit) return false;
   vxcli_json_writer_raw_n(answer, vxcli_json_writer_data(line), n);
   return vxcli_json_writer_ok(answer);
+}
+
+// The client closed its end (interrupted); nobody would read the answer.
+bool client_gone(int fd) {
+  pollfd p = {fd, POLLRDHUP, 0};
+  return poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR));
 }
 
 }  // namespace
@@ -174,6 +182,7 @@ daemon_recv_job* daemon_recv_prepare(const Words& w, Out* out, const char** erro
   job->filter_mask = filter_mask;
   job->decode = decode;
   job->database = database;
+  job->peer_fd = -1;
   // Cursors open here, before the client is handed to its thread, so that frames
   // arriving from now on are all seen.
   for (int k = 0; k < n; k++) {
@@ -232,9 +241,17 @@ void daemon_recv_run(daemon_recv_job* job, vxcli_json_writer* answer) {
     if (rc == VXCLI_RX_READ_OVERRUN) p->errors++;
     else if (rc == VXCLI_RX_READ_DETACHED || rc == VXCLI_RX_READ_ERROR) live &= ~(1u << k);
   };
+  uint64_t next_peer_check = 0;
   while (!stop && live && !g_daemon_recv_stop.load(std::memory_order_relaxed)) {
     uint64_t now = daemon_now_ms();
     if (now >= deadline) break;
+    if (job->peer_fd >= 0 && now >= next_peer_check) {
+      next_peer_check = now + 100;
+      if (client_gone(job->peer_fd)) {
+        printf("Daemon: recv client went away; capture ended\n");
+        break;
+      }
+    }
     bool any = false;
     for (int k = 0; k < job->channels && !stop; k++) {
       if (!(live & (1u << k))) continue;

@@ -29,6 +29,7 @@ struct daemon_recv_job {
   uint32_t filter_mask;
   bool decode;
   const DbcLoadedFile* database;
+  int peer_fd;  // the client's connection, watched so a vanished client ends the capture; -1 none
 };
 
 // Running receive threads, and the flag that ends them at shutdown.

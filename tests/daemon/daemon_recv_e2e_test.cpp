@@ -1,6 +1,7 @@
 // Receives served by the daemon, channel leases and the command guard, and
 // bus-off / unplug recovery.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <string>
 #include <vector>
@@ -104,6 +105,13 @@ TEST(DaemonRecvE2E, SeventeenthConcurrentReceiveIsRefused) {
   // Once they are done, receiving works again.
   EXPECT_TRUE(eventually([&] { return consumers(d, 0) == 0; }));
   EXPECT_EQ(d.run({"message", "recv", "--channel=0", "--duration=0.2"}).out, "ERROR: No messages received in 0.2s\n");
+
+  // An interrupted client gives its receive thread back long before its duration.
+  Background gone = d.spawn({"message", "recv", "--channel=0", "--duration=60"});
+  ASSERT_TRUE(eventually([&] { return consumers(d, 0) == 1; }));
+  kill(gone.pid, SIGKILL);
+  DaemonBox::wait(gone);
+  EXPECT_TRUE(eventually([&] { return consumers(d, 0) == 0; }, 5000));
 }
 
 TEST(DaemonRecvE2E, ClaimReleaseAndTheGuard) {
