@@ -300,6 +300,32 @@ OpenConfig slot_config(const Slot& s) {
   return c;
 }
 
+// Closes a slot's device but keeps its configuration, tables and arbiter entry,
+// for reopening it in place.
+void close_device_keep_slot(int index) {
+  Slot& s = g_slots[index];
+  vxcli_rx_broker_detach(index);
+  if (s.handle) VX_Close(s.handle);
+  s.handle = nullptr;
+  s.notify = 0;
+  s.open = false;
+}
+
+// Brings a reopened slot's device-side tables back from the slot's copies.
+void restore_tables(int index) {
+  Slot& s = g_slots[index];
+  if (s.txtask_count > 0) {
+    VXStatus st = VX_SetTxTasks(s.handle, s.txtasks, static_cast<uint32_t>(s.txtask_count));
+    if (st != VX_OK)
+      printf("Daemon: slot %d TX task restore failed: %s (0x%X)\n", index, vxcli_status_to_string(st), st);
+  }
+  if (s.route_count > 0) {
+    VXStatus st = VX_SetMsgRoutes(s.handle, s.routes, static_cast<uint32_t>(s.route_count));
+    if (st != VX_OK)
+      printf("Daemon: slot %d route restore failed: %s (0x%X)\n", index, vxcli_status_to_string(st), st);
+  }
+}
+
 }  // namespace
 
 void daemon_close_channel(int index) {
@@ -310,13 +336,12 @@ void daemon_close_channel(int index) {
   s.handle = nullptr;
   s.notify = 0;
   s.open = false;
+  // The channel's tasks and routes end with it; the next channel in this slot starts empty.
+  s.txtask_count = 0;
+  s.route_count = 0;
   vxcli_control_clear_slot(&g_arbiter, static_cast<uint32_t>(index));
   printf("Daemon: slot %d closed\n", index);
 }
-
-namespace {
-
-}  // namespace
 
 int daemon_reopen_slot(int index) {
   Slot& s = g_slots[index];
@@ -918,8 +943,15 @@ const char* answer_daemon_restart(const Words& w, Out* out) {
   int failed = 0;
   for (int i = 0; i < VXCLI_DAEMON_SLOTS; i++) {
     if (!g_slots[i].open) continue;
-    daemon_close_channel(i);
-    if (daemon_reopen_slot(i) != 0) failed++;
+    close_device_keep_slot(i);
+    if (daemon_reopen_slot(i) != 0) {
+      // A channel that cannot come back is closed for good.
+      failed++;
+      g_slots[i].open = true;
+      daemon_close_channel(i);
+      continue;
+    }
+    restore_tables(i);
   }
   if (failed) {
     daemon_put(out, "ERROR: daemon restart failed to reopen %d channel(s)\n", failed);
@@ -1130,30 +1162,11 @@ daemon_recv_job* daemon_recv_begin(const char* request, char* response, size_t s
 
 namespace {
 
-// Brings a reopened slot's device-side tables back from the slot's copies.
-void restore_tables(int index) {
-  Slot& s = g_slots[index];
-  if (s.txtask_count > 0) {
-    VXStatus st = VX_SetTxTasks(s.handle, s.txtasks, static_cast<uint32_t>(s.txtask_count));
-    if (st != VX_OK)
-      printf("Daemon: slot %d TX task restore failed: %s (0x%X)\n", index, vxcli_status_to_string(st), st);
-  }
-  if (s.route_count > 0) {
-    VXStatus st = VX_SetMsgRoutes(s.handle, s.routes, static_cast<uint32_t>(s.route_count));
-    if (st != VX_OK)
-      printf("Daemon: slot %d route restore failed: %s (0x%X)\n", index, vxcli_status_to_string(st), st);
-  }
-}
-
 // Closes the device side of a slot but keeps the slot, its configuration and
 // its tables, so that a later tick can reopen it.
 void reopen_in_place(int index) {
   Slot& s = g_slots[index];
-  vxcli_rx_broker_detach(index);
-  if (s.handle) VX_Close(s.handle);
-  s.handle = nullptr;
-  s.notify = 0;
-  s.open = false;
+  close_device_keep_slot(index);
   if (daemon_reopen_slot(index) == 0) {
     restore_tables(index);
     return;
