@@ -27,6 +27,7 @@ namespace {
 
 constexpr int kChannels = 4;
 constexpr int kTasksPerPort = 20;  // 1 ms cycle each: 20,000 frames/s per port
+constexpr int kMaxTasksPerPort = 64;
 
 std::string g_dir;
 
@@ -115,10 +116,11 @@ struct Bench {
     if (run_vxcli({"daemon", "start", "--channel=30002/0,30002/1,30002/2,30002/3"}) != 0) return;
     ok = true;
   }
-  void run(bool on) {
-    std::vector<VXTxTask> tasks(kTasksPerPort);
+  // tasks one-millisecond TX tasks on every flooding port (0 stops the flood).
+  void run(int tasks_per_port) {
+    std::vector<VXTxTask> tasks(kMaxTasksPerPort);
     for (int p = 0; p < kChannels; p++) {
-      for (int i = 0; i < kTasksPerPort; i++) {
+      for (int i = 0; i < tasks_per_port; i++) {
         VXTxTask& t = tasks[i];
         memset(&t, 0, sizeof t);
         t.type = VX_TXTASK_FIXED;
@@ -128,11 +130,11 @@ struct Bench {
         t.cycle = 1;
         for (int b = 0; b < 8; b++) t.data[b] = static_cast<uint8_t>(i + b);
       }
-      VX_SetTxTasks(flood[p], tasks.data(), on ? kTasksPerPort : 0);
+      VX_SetTxTasks(flood[p], tasks.data(), static_cast<uint32_t>(tasks_per_port));
     }
   }
   ~Bench() {
-    run(false);
+    run(0);
     run_vxcli({"daemon", "stop"});
     for (VXHandle h : flood)
       if (h) VX_Close(h);
@@ -165,7 +167,7 @@ void BM_MessageSendInvocation(benchmark::State& state) {
     state.SkipWithError("daemon or virtual analyzer could not be set up");
     return;
   }
-  b.run(false);
+  b.run(0);
   const bool forwarded = state.range(0) == 1;
   std::vector<std::string> args = {"message", "send", forwarded ? "--channel=1" : "--channel=30002/1", "--id=0x123",
                                    "--data=11223344"};
@@ -184,8 +186,8 @@ void BM_MessageSendInvocation(benchmark::State& state) {
 }
 BENCHMARK(BM_MessageSendInvocation)->Arg(1)->Arg(0)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(15);
 
-// Flood on all four buses at 20,000 frames/s each; state.range(0) clients capture
-// state.range(1) frames each, one channel per client, concurrently.
+// Flood on all four buses at state.range(2) x 1,000 frames/s each; state.range(0)
+// clients capture state.range(1) frames each, one channel per client, concurrently.
 void BM_DaemonRecvJsonlUnderFlood(benchmark::State& state) {
   Bench& b = bench();
   if (!b.ok) {
@@ -194,7 +196,7 @@ void BM_DaemonRecvJsonlUnderFlood(benchmark::State& state) {
   }
   const int clients = static_cast<int>(state.range(0));
   const std::string count = "--count=" + std::to_string(state.range(1));
-  b.run(true);
+  b.run(static_cast<int>(state.range(2)));
   usleep(300000);
   std::string log_path = g_dir + "/vxcli/daemon_" + std::string(getenv("VXCLI_DAEMON_PORT")) + ".log";
   size_t log_mark = slurp(log_path).size();
@@ -232,7 +234,7 @@ void BM_DaemonRecvJsonlUnderFlood(benchmark::State& state) {
     seconds += elapsed;
     state.SetIterationTime(elapsed);
   }
-  b.run(false);
+  b.run(0);
   if (failed) state.SkipWithError("a receive client failed");
   // Every record a cursor missed is logged by the daemon when the receive ends.
   std::string log = slurp(log_path).substr(log_mark);
@@ -243,8 +245,9 @@ void BM_DaemonRecvJsonlUnderFlood(benchmark::State& state) {
   state.counters["lost_records"] = static_cast<double>(lost);
 }
 BENCHMARK(BM_DaemonRecvJsonlUnderFlood)
-    ->Args({1, 40000})
-    ->Args({4, 40000})
+    ->Args({1, 40000, kTasksPerPort})
+    ->Args({4, 40000, kTasksPerPort})
+    ->Args({1, 70000, kMaxTasksPerPort})
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond)
     ->Iterations(2);

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -180,6 +181,10 @@ int vxcli_daemon_send_command(const char* request, size_t length, char* response
   }
   timeval tv{timeout_s, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  // The request and its newline go out as two writes; without this the newline
+  // waits for the daemon's delayed acknowledgement (tens of milliseconds).
+  int one = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   size_t sent = 0;
   while (sent < length) {
     ssize_t n = send(fd, request + sent, length - sent, MSG_NOSIGNAL);
