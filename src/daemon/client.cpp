@@ -50,7 +50,23 @@ void sleep_ms(int ms) {
   nanosleep(&ts, nullptr);
 }
 
-bool pid_alive(unsigned pid) { return pid != 0 && kill(static_cast<pid_t>(pid), 0) == 0; }
+// A process that exited but was not reaped yet (its parent is gone and the
+// reaper may take its time) counts as gone.
+bool pid_zombie(unsigned pid) {
+  char path[64], line[512];
+  snprintf(path, sizeof path, "/proc/%u/stat", pid);
+  FILE* f = fopen(path, "r");
+  if (!f) return false;
+  size_t n = fread(line, 1, sizeof line - 1, f);
+  fclose(f);
+  line[n] = 0;
+  const char* end = strrchr(line, ')');
+  return end && end[1] == ' ' && end[2] == 'Z';
+}
+
+bool pid_alive(unsigned pid) {
+  return pid != 0 && kill(static_cast<pid_t>(pid), 0) == 0 && !pid_zombie(pid);
+}
 
 // 1 with the pid when the pid file exists and reads; 0 when it is missing.
 int read_pid_file(unsigned* pid) {
@@ -413,6 +429,8 @@ int start_impl(const char* const values[10], bool quiet) {
 int stop_impl(bool quiet) {
   unsigned pid = 0;
   bool had_pid_file = read_pid_file(&pid) == 1;
+  // Whether it ran when asked: a daemon that stops at once must still count as exited.
+  const bool was_alive = had_pid_file && pid_alive(pid);
   char answer[512];
   int rc = vxcli_daemon_send_command("daemon stop", 11, answer, sizeof answer);
   if (!quiet && !json_mode()) {
@@ -428,7 +446,7 @@ int stop_impl(bool quiet) {
     return 0;
   }
   bool forced = false;
-  if (pid_alive(pid)) {
+  if (was_alive) {
     if (wait_pid_exit(pid, 5000) == 0) {
       if (!quiet && !json_mode()) printf("OK: daemon pid %u exited\n", pid);
     } else {

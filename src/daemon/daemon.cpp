@@ -4,6 +4,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <semaphore.h>
 #include <sys/socket.h>
@@ -40,9 +43,56 @@ const char kTooLargeEnvelope[] =
     "{\"code\":\"response_too_large\",\"message\":\"daemon error response exceeded limit\","
     "\"details\":{},\"retryable\":false}}\n";
 
-// Uid owning the loopback socket whose local port is peer_port and which is
-// connected to our_port; -1 when not found.
+// Uid owning the loopback socket 127.0.0.1:peer_port connected to our_port, asked
+// of the kernel directly (one exact socket lookup); -1 when that is unavailable.
+long peer_uid_netlink(int peer_port, int our_port) {
+  int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+  if (fd < 0) return -1;
+  struct {
+    nlmsghdr header;
+    inet_diag_req_v2 request;
+  } message;
+  memset(&message, 0, sizeof message);
+  message.header.nlmsg_len = sizeof message;
+  message.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  message.header.nlmsg_flags = NLM_F_REQUEST;
+  message.request.sdiag_family = AF_INET;
+  message.request.sdiag_protocol = IPPROTO_TCP;
+  message.request.idiag_states = ~0u;
+  message.request.id.idiag_sport = htons(static_cast<uint16_t>(peer_port));
+  message.request.id.idiag_dport = htons(static_cast<uint16_t>(our_port));
+  message.request.id.idiag_src[0] = htonl(INADDR_LOOPBACK);
+  message.request.id.idiag_dst[0] = htonl(INADDR_LOOPBACK);
+  message.request.id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
+  message.request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
+  sockaddr_nl kernel;
+  memset(&kernel, 0, sizeof kernel);
+  kernel.nl_family = AF_NETLINK;
+  long uid = -1;
+  struct timeval timeout = {1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  if (sendto(fd, &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) ==
+      static_cast<ssize_t>(sizeof message)) {
+    alignas(nlmsghdr) char buffer[8192];
+    ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+    for (nlmsghdr* h = reinterpret_cast<nlmsghdr*>(buffer); n > 0 && NLMSG_OK(h, static_cast<size_t>(n));
+         h = NLMSG_NEXT(h, n)) {
+      if (h->nlmsg_type != SOCK_DIAG_BY_FAMILY) break;
+      const inet_diag_msg* d = static_cast<const inet_diag_msg*>(NLMSG_DATA(h));
+      if (ntohs(d->id.idiag_sport) == peer_port && ntohs(d->id.idiag_dport) == our_port) {
+        uid = static_cast<long>(d->idiag_uid);
+        break;
+      }
+    }
+  }
+  close(fd);
+  return uid;
+}
+
+// The same through /proc/net/tcp, for kernels without socket diagnostics.
 long peer_uid(int peer_port, int our_port) {
+  long fast = peer_uid_netlink(peer_port, our_port);
+  if (fast >= 0) return fast;
   FILE* f = fopen("/proc/net/tcp", "r");
   if (!f) return -1;
   char line[512];
