@@ -12,6 +12,8 @@
 #include "cli/output.h"
 #include "daemon/client.h"
 #include "message/message.h"
+#include "message/route.h"
+#include "message/txtask.h"
 #include "database/commands.h"
 #include "database/ldf.h"
 #include "diag/commands.h"
@@ -247,7 +249,15 @@ int standalone(int count, char** words) {
       vxcli_print_error("%s requires an action", w1);
       return 1;
     }
-    if (one_of(w2, {"add", "remove", "list"})) return not_available(w1, w2);
+    if (is(w1, "txtask")) {
+      if (is(w2, "add")) return vxcli_txtask_add(n2, after2);
+      if (is(w2, "remove")) return vxcli_txtask_remove(n2, after2);
+      if (is(w2, "list")) return vxcli_txtask_list(n2, after2);
+    } else {
+      if (is(w2, "add")) return vxcli_route_add(n2, after2);
+      if (is(w2, "remove")) return vxcli_route_remove(n2, after2);
+      if (is(w2, "list")) return vxcli_route_list(n2, after2);
+    }
     vxcli_print_error("unknown %s action '%s'", w1, w2);
     return 1;
   }
