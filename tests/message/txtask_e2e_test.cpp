@@ -73,7 +73,7 @@ TEST(TxTaskE2E, GeneratedDataAndIdentifiersChange) {
                 .rc,
             0);
   ASSERT_EQ(box.vxcli({"txtask", "add", "--channel=10356/1", "--message=0x300", "--cycle=10", "--type=incid",
-                       "--inc-max=0x30F", "--data=AA"})
+                       "--inc-min=0x300", "--inc-max=0x30F", "--data=AA"})
                 .rc,
             0);
   ASSERT_EQ(box.vxcli({"txtask", "add", "--channel=10356/1", "--message=0x400", "--cycle=10", "--type=random",
@@ -114,7 +114,7 @@ TEST(TxTaskE2E, SixtyFourTasksFillTheTable) {
   EXPECT_EQ(full.rc, 1);
   EXPECT_EQ(full.err, "ERROR: Maximum number of TX tasks (64) reached\n");
   auto list = box.vxcli({"txtask", "list", "--channel=10356/2", "--format=json"});
-  EXPECT_EQ(member(list.out, "count"), "64");
+  EXPECT_NE(list.out.find("],\"count\":64}\n"), std::string::npos) << list.out;
   EXPECT_EQ(list.out.find("0x7FF"), std::string::npos);
 }
 
