@@ -92,6 +92,26 @@ VXStatus daemon_apply_routes(int slot, const VXRoute* routes, int count) {
   return VX_OK;
 }
 
+void daemon_seed_slot_tables(int slot) {
+  if (!valid_open_slot(slot)) return;
+  Slot& s = g_daemon_slots[slot];
+  memset(s.txtasks, 0, sizeof s.txtasks);
+  memset(s.routes, 0, sizeof s.routes);
+  s.txtask_count = 0;
+  s.route_count = 0;
+  int tasks = daemon_txtask_capacity(slot);
+  if (VX_GetTxTasks(s.handle, s.txtasks, static_cast<uint32_t>(tasks)) == VX_OK)
+    s.txtask_count = vxcli_txtask_used_length(s.txtasks, tasks);
+  else
+    memset(s.txtasks, 0, sizeof s.txtasks);
+  if (s.lin) return;
+  int routes = daemon_route_capacity(slot);
+  if (VX_GetMsgRoutes(s.handle, s.routes, static_cast<uint32_t>(routes)) == VX_OK)
+    s.route_count = vxcli_route_used_length(s.routes, routes);
+  else
+    memset(s.routes, 0, sizeof s.routes);
+}
+
 VXStatus daemon_restore_slot_tables(int slot) {
   if (!valid_open_slot(slot)) return VX_ERR_INVALID_PARAM_VALUE;
   Slot& s = g_daemon_slots[slot];
@@ -187,9 +207,11 @@ ServiceState& state_of(int slot) {
   ServiceState& st = g_state[slot];
   const Slot& s = g_daemon_slots[slot];
   if (!st.used || !daemon_same_physical(st.owner, s.info)) {
+    // Another channel in this slot: its copies must not carry the last one's tables.
     st = ServiceState();
     st.used = true;
     st.owner = s.info;
+    daemon_seed_slot_tables(slot);
   }
   return st;
 }
@@ -245,6 +267,7 @@ const char* can_state_name(VXHandle handle) {
 
 // The device's current table, or the slot's copy when the device cannot say.
 int current_tasks(int slot, VXTxTask* table) {
+  state_of(slot);
   const Slot& s = g_daemon_slots[slot];
   int capacity = daemon_txtask_capacity(slot);
   memset(table, 0, sizeof(VXTxTask) * VXCLI_DAEMON_MAX_TXTASKS);
@@ -256,6 +279,7 @@ int current_tasks(int slot, VXTxTask* table) {
 }
 
 int current_routes(int slot, VXRoute* table) {
+  state_of(slot);
   const Slot& s = g_daemon_slots[slot];
   int capacity = daemon_route_capacity(slot);
   memset(table, 0, sizeof(VXRoute) * VXCLI_DAEMON_MAX_ROUTES);

@@ -25,6 +25,9 @@ int daemon_route_capacity(int slot);
 VXStatus daemon_apply_txtasks(int slot, const VXTxTask* tasks, int count);
 // The same for the slot's route table.
 VXStatus daemon_apply_routes(int slot, const VXRoute* routes, int count);
+// Makes the slot's copies what the device holds now (a slot opened on a port
+// that already runs tasks or routes); copies are cleared when it cannot say.
+void daemon_seed_slot_tables(int slot);
 // Writes the slot's copies back to the device after a reopen; 0 or the first
 // failing status.
 VXStatus daemon_restore_slot_tables(int slot);
