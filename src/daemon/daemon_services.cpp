@@ -1134,8 +1134,9 @@ const char* schedule_show(const Words& w, int slot, const ServiceState& st, Out*
   }
   for (int i = 0; i < st.schedule_count; i++) {
     const VXTxTask& t = st.schedule[i].task;
-    char data[32];
-    hex_bytes(t.data, t.length, data, sizeof data, "");
+    char data[32] = "";
+    // Only a master-write entry carries data of its own.
+    if (entry_operation(t) == VXCLI_LIN_MASTER_WRITE) hex_bytes(t.data, t.length, data, sizeof data, "");
     const char* op = vxcli_lin_operation_name(entry_operation(t));
     if (w.json)
       daemon_put(out, "%s{\"index\":%d,\"id\":\"0x%02X\",\"type\":\"%s\",\"delay_ms\":%u,\"dlc\":%u,\"checksum\":\"%s\","

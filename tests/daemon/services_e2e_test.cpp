@@ -145,6 +145,13 @@ TEST(DaemonServicesE2E, ChannelSwitchesAndBusConfiguration) {
   auto recover = d.run({"channel", "recover", "--channel=10356/0"});
   EXPECT_EQ(recover.out, "OK: slot 0 reopened and restored (1 TX task(s), 0 route(s)), state=error-active\n");
   EXPECT_EQ(member(d.run({"txtask", "list", "--channel=10356/0", "--format=json"}).out, "count"), "1");
+  // A replugged device is back in its power-on state; the copies refill it.
+  ASSERT_EQ(d.box.run_program("vxsim", {"unplug", "10356"}).rc, 0);
+  ASSERT_EQ(d.box.run_program("vxsim", {"replug", "10356"}).rc, 0);
+  recover = d.run({"channel", "recover", "--channel=10356/0"});
+  EXPECT_EQ(recover.out, "OK: slot 0 reopened and restored (1 TX task(s), 0 route(s)), state=error-active\n");
+  EXPECT_NE(d.capture({"--channel=10357/0", "--bitrate=250/1000", "--duration=1.2", "--format=jsonl"}).out.find("\"id\":\"0x42\""),
+            std::string::npos);
   EXPECT_EQ(d.run({"channel", "auto-recover", "on"}).out, "OK: auto-recover on\n");
 }
 

@@ -163,20 +163,6 @@ TEST(TxTaskBuild, LinSlaveResponse) {
   EXPECT_EQ(build(o, true).error, "Invalid --data: 010203040506070809 (at most 8 hex bytes)");
 }
 
-TEST(TxTaskTable, FreeEntriesAndUsedLength) {
-  VXTxTask table[64];
-  memset(table, 0, sizeof table);
-  EXPECT_EQ(vxcli_txtask_first_free(table, 64), 0);
-  EXPECT_EQ(vxcli_txtask_used_length(table, 64), 0);
-  table[0].type = 1;
-  table[5].type = 5;
-  table[6].type = 7;  // not a task type: free
-  EXPECT_EQ(vxcli_txtask_first_free(table, 64), 1);
-  EXPECT_EQ(vxcli_txtask_used_length(table, 64), 6);
-  for (auto& t : table) t.type = 2;
-  EXPECT_EQ(vxcli_txtask_first_free(table, 64), -1);
-}
-
 TEST(RouteTable, EntriesAndRemovalFilters) {
   VXRoute table[64];
   memset(table, 0, sizeof table);
