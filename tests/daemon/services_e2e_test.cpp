@@ -124,6 +124,12 @@ TEST(DaemonServicesE2E, ChannelSwitchesAndBusConfiguration) {
   EXPECT_EQ(lin.out,
             "OK: slot 1 LIN configuration updated: mode=master bitrate=19200 bps pullup=1k power=on version=2.0 "
             "checksum=classic\n");
+  // Role and bitrate need a reopen; the protocol settings stay.
+  EXPECT_EQ(d.run({"lin", "config", "set", "--channel=10356/4", "--bitrate=10.4k", "--format=json"}).out,
+            "{\"status\":\"ok\",\"slot\":1,\"channel\":\"SN10356/port4\",\"bus\":\"lin\",\"mode\":\"master\","
+            "\"bitrate\":10400,\"pullup\":\"1k\",\"power\":\"on\",\"lin_version\":\"2.0\",\"checksum\":\"classic\"}\n");
+  EXPECT_EQ(d.run({"lin", "config", "set", "--channel=10356/4", "--bitrate=auto"}).out,
+            "ERROR: auto bitrate is only supported in LIN slave mode\n");
   auto power = d.run({"channel", "power", "off", "--channel=10356/4"});
   EXPECT_EQ(power.out, "OK: slot 1 power off\n");
   EXPECT_EQ(d.run({"channel", "power", "status", "--channel=10356/4", "--format=json"}).out,
@@ -202,6 +208,8 @@ TEST(DaemonServicesE2E, LinScheduleDrivesASlaveTableOnTheOtherDevice) {
             "  1: id=0x21 type=master-read delay=20 ms dlc=4 checksum=enhanced\n");
 
   EXPECT_EQ(d.run({"lin", "schedule", "activate", ch}).out, "OK: system schedule activated on slot 0 (2 entries, cycle 40 ms)\n");
+  EXPECT_EQ(d.run({"lin", "config", "set", ch, "--mode=slave"}).out,
+            "ERROR: deactivate the system schedule before leaving master mode\n");
   auto got = d.capture({"--channel=10357/4", "--count=6", "--format=jsonl"});
   ASSERT_EQ(got.rc, 0) << got.err;
   auto frames = lin_frames(got.out);
