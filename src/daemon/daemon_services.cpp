@@ -311,7 +311,7 @@ const char* txtask_add(const Words& w, Out* out) {
   if (s.lin) task.user = static_cast<uint16_t>(index);
   table[index] = task;
   if (s.lin && s.mode == VX_LIN_MODE_SLAVE)
-    vxcli_prime_lin_response_tasks(s.handle, reinterpret_cast<const VXLinResponseTask*>(&task), 1);
+    vxcli_txtask_prime_response(s.handle, task);
   VXStatus status = daemon_apply_txtasks(slot, table, vxcli_txtask_used_length(table, capacity));
   if (status != VX_OK) return device_error(out, "VX_SetTxTasks", status);
   uint32_t id = vxcli_txtask_shown_id(task);
@@ -995,7 +995,7 @@ const char* answer_lin_response(const Words& w, const char* action, Out* out) {
     task.user = static_cast<uint16_t>(index);
     table[index] = task;
     if (s.mode == VX_LIN_MODE_SLAVE)
-      vxcli_prime_lin_response_tasks(s.handle, reinterpret_cast<const VXLinResponseTask*>(&task), 1);
+      vxcli_txtask_prime_response(s.handle, task);
   } else if (daemon_is(action, "remove")) {
     if (index < 0) return put_error(out, "ERROR: no LIN response for ID 0x%02X on slot %d\n", id, slot);
     memset(&table[index], 0, sizeof table[index]);

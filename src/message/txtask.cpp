@@ -85,6 +85,12 @@ int vxcli_txtask_used_length(const VXTxTask* table, int count) {
   return length;
 }
 
+uint32_t vxcli_txtask_prime_response(VXHandle handle, const VXTxTask& task) {
+  VXLinResponseTask response;
+  memcpy(&response, &task, sizeof response);
+  return vxcli_prime_lin_response_tasks(handle, &response, 1);
+}
+
 int vxcli_txtask_parse_flag_words(const char* text, uint32_t* flags) {
   *flags = 0;
   if (!text) return 0;
@@ -343,7 +349,7 @@ int vxcli_txtask_add(int count, char** words) {
   table[slot] = task;
   if (ch.lin) {
     // Preload the response so the very first header after this command is answered.
-    vxcli_prime_lin_response_tasks(ch.handle, reinterpret_cast<const VXLinResponseTask*>(&table[slot]), 1);
+    vxcli_txtask_prime_response(ch.handle, table[slot]);
   }
   status = VX_SetTxTasks(ch.handle, table, static_cast<uint32_t>(written));
   if (status != VX_OK) {

@@ -65,6 +65,10 @@ int vxcli_txtask_used_length(const VXTxTask* table, int count);
 int vxcli_txtask_build(const vxcli_txtask_options& o, bool lin, bool note_decimal, VXTxTask* out,
                        char* error, size_t size);
 
+// Preloads the device's response buffer from a LIN slave-response entry so the
+// first header after the table is written is answered; 0 or the library status.
+uint32_t vxcli_txtask_prime_response(VXHandle handle, const VXTxTask& task);
+
 // Frame flag bits from "ide,rtr" (words separated by ',', '+' or blanks); -1 for
 // an unknown word.
 int vxcli_txtask_parse_flag_words(const char* text, uint32_t* flags);
