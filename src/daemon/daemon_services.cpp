@@ -480,8 +480,7 @@ const char* route_remove(const Words& w, Out* out) {
     }
   }
   long id = -1;
-  const char* message = w.option("message") ? w.option("message") : w.option("id");
-  if (message) {
+  if (const char* message = w.option("message")) {
     id = vxcli_parse_message_id_quiet(message, nullptr);
     if (id < 0 || id > 0x1FFFFFFF) return put_error(out, "ERROR: Invalid message ID: %s\n", message);
   }
@@ -498,9 +497,8 @@ const char* route_remove(const Words& w, Out* out) {
 }
 
 const char* route_list(const Words& w, Out* out) {
-  if (!w.option("channel") && !w.option("src")) return "ERROR: --channel is required\n";
   const char* error = nullptr;
-  int slot = w.option("channel") ? daemon_required_slot(w, &error, out) : resolve_slot_option(w, "src", &error, out);
+  int slot = daemon_required_slot(w, &error, out);
   if (slot < 0) return error;
   VXRoute table[VXCLI_DAEMON_MAX_ROUTES];
   int capacity = current_routes(slot, table);

@@ -236,7 +236,6 @@ int vxcli_route_remove(int count, char** words) {
   }
   const char* dst = vxcli_get_option(count, words, "dst");
   const char* message = vxcli_get_option(count, words, "message");
-  if (!message) message = vxcli_get_option(count, words, "id");
   int target = -1;
   if (dst) {
     // A port number, or a channel whose port is meant.
