@@ -1,7 +1,10 @@
 // The daemon's channel services end to end: TX task and route copies, channel
 // and bus configuration, LIN responses and the system schedule, and LDF schedules
 // materialised through it.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <map>
@@ -16,12 +19,27 @@ namespace {
 using msgtest::lines;
 using msgtest::member;
 
-int daemon_port() { return 20000 + (getpid() * 7 + 3) % 20000; }
+// A loopback port nobody listens on right now, as the kernel hands it out; other
+// test processes on this machine run daemons of their own.
+int free_port() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  int port = 0;
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+    port = ntohs(address.sin_port);
+  if (fd >= 0) close(fd);
+  return port > 0 ? port : 20000 + getpid() % 20000;
+}
 
 // A sandbox with its own daemon; stopped on the way out, also after a failure.
 struct DaemonBox {
   vxtest::Sandbox box;
-  DaemonBox() { box.env()["VXCLI_DAEMON_PORT"] = std::to_string(daemon_port()); }
+  int quiet_port = free_port();  // where captures look for a daemon and find none
+  DaemonBox() { box.env()["VXCLI_DAEMON_PORT"] = std::to_string(free_port()); }
   ~DaemonBox() { box.vxcli({"daemon", "stop"}, 20); }
   vxtest::RunResult run(const std::vector<std::string>& args) const { return box.vxcli(args, 60); }
   void start(const std::vector<std::vector<std::string>>& opens) {
@@ -37,7 +55,7 @@ struct DaemonBox {
   // A capture run beside the daemon, by a process that does not talk to it.
   vxtest::RunResult capture(const std::vector<std::string>& args) {
     std::string port = box.env()["VXCLI_DAEMON_PORT"];
-    box.env()["VXCLI_DAEMON_PORT"] = std::to_string(daemon_port() + 1);
+    box.env()["VXCLI_DAEMON_PORT"] = std::to_string(quiet_port);
     std::vector<std::string> all = {"message", "recv"};
     all.insert(all.end(), args.begin(), args.end());
     auto r = box.vxcli(all, 60);
