@@ -196,6 +196,12 @@ void destroy_blf_writer(BLFWriter* writer) {
   free(writer);
 }
 
+void blf_writer_sync(BLFWriter* writer, bool close_container) {
+  if (!writer || !writer->file.fp) return;
+  if (close_container) flush(writer);
+  if (writer->batch_used) write_batch(writer);
+}
+
 void on_can_message_received(BLFWriter* w, uint64_t ts_ns, uint32_t id, const uint8_t* data,
                              uint8_t dlc, int channel_index, bool extended, bool remote,
                              bool error, bool fd, bool received, bool brs, bool esi) {

@@ -1,0 +1,40 @@
+// One log file fed with device records from one or more channels: ASC text or
+// BLF, whichever the caller chose. Standalone logging and the daemon's logging
+// thread both write through this, so their files are the same.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "logging/asc.h"
+#include "vxapi.h"
+
+// A received record with its absolute time (ns since 1970) and the 1-based
+// logical channel it is logged under.
+struct vxcli_log_record {
+  uint64_t ns;
+  int logical;
+  VXMessage message;
+};
+
+struct vxcli_log_output;
+
+// Creates path and writes the ASC header (dated start_ns, local time, with
+// the channel labels) or the BLF placeholder header. Null with a message.
+vxcli_log_output* vxcli_log_output_open(const char* path, bool blf, uint64_t start_ns,
+                                        const vxcli_asc_channel_label* labels, int count,
+                                        char* message, size_t message_size);
+// Writes the records in time order (records of equal time keep their order,
+// so each channel's own order survives). Returns the number of frames
+// written, or -1 once any write failed (sticky). Records of other kinds are
+// skipped.
+long vxcli_log_output_write(vxcli_log_output* output, vxcli_log_record* records, size_t count);
+// Hands buffered output to the file (ASC lines; BLF completed containers), so
+// that a crash loses little; 0, or -1 once any write failed.
+int vxcli_log_output_flush(vxcli_log_output* output);
+// As flush, but BLF also closes the open container: for pauses in traffic, so
+// that everything logged so far is in the file.
+int vxcli_log_output_checkpoint(vxcli_log_output* output);
+// Ends the file (ASC trigger block end, BLF final header) and frees output;
+// 0, or -1 when any write failed.
+int vxcli_log_output_close(vxcli_log_output* output);
