@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
@@ -165,14 +166,108 @@ void refresh_channels(LogSession* s) {
   }
 }
 
+bool by_time(const vxcli_log_record& a, const vxcli_log_record& b) { return a.ns < b.ns; }
+
+// Records read but not yet written, in time order. Each channel reaches the
+// broker through its own worker, so a frame can turn up a little after a
+// later frame of another channel; a record is written only once one this much
+// newer was seen, or once the bus has been quiet for a while.
+struct Pending {
+  std::vector<vxcli_log_record> records;
+  uint64_t newest = 0;
+  uint64_t last_arrival_ms = 0;
+};
+const uint64_t kHoldBackNs = 100000000ULL;
+const uint64_t kQuietMs = 100;
+const size_t kPendingLimit = 65536;
+
+void merge_round(Pending* p, std::vector<vxcli_log_record>* round) {
+  if (round->empty()) return;
+  std::stable_sort(round->begin(), round->end(), by_time);
+  if (round->back().ns > p->newest) p->newest = round->back().ns;
+  size_t middle = p->records.size();
+  p->records.insert(p->records.end(), round->begin(), round->end());
+  std::inplace_merge(p->records.begin(), p->records.begin() + (long)middle, p->records.end(), by_time);
+  round->clear();
+  p->last_arrival_ms = daemon_now_ms();
+}
+
+// Writes the records that are due (all of them when all); false once writing
+// failed (logged).
+bool write_due(LogSession* s, Pending* p, bool all) {
+  if (s->write_failed) return false;
+  size_t due = p->records.size();
+  if (!all && p->newest > kHoldBackNs) {
+    vxcli_log_record limit;
+    limit.ns = p->newest - kHoldBackNs;
+    due = (size_t)(std::upper_bound(p->records.begin(), p->records.end(), limit, by_time) - p->records.begin());
+  } else if (!all) {
+    due = 0;
+  }
+  if (p->records.size() - due > kPendingLimit) due = p->records.size() - kPendingLimit;
+  if (due == 0) return true;
+  long n = vxcli_log_output_write(s->output, p->records.data(), due);
+  p->records.erase(p->records.begin(), p->records.begin() + (long)due);
+  if (n < 0 || vxcli_log_output_flush(s->output) != 0) {
+    s->write_failed = true;
+    snprintf(s->end_reason, sizeof s->end_reason, "write failed");
+    printf("Daemon: logging to %s failed: cannot write the file\n", s->path);
+    return false;
+  }
+  s->written += (uint64_t)n;
+  return true;
+}
+
+// Reads what the session's cursors hold into round (waiting up to wait_ms for
+// the first record); returns the number of channels still being read.
+int read_cursors(LogSession* s, std::vector<vxcli_log_record>* round, std::vector<vxcli_rx_record>* batch,
+                 int wait_ms, Pending* pending) {
+  int reading = 0;
+  for (int i = 0; i < s->count && round->size() < kRoundLimit; i++) {
+    LogChannel& c = s->channels[i];
+    if (!c.reading) continue;
+    reading++;
+    for (;;) {
+      size_t n = 0;
+      size_t room = kRoundLimit - round->size();
+      int rc = vxcli_rx_broker_read_batch(&c.cursor, batch->data(), room < batch->size() ? room : batch->size(),
+                                          &n, wait_ms);
+      wait_ms = 0;
+      for (size_t k = 0; k < n; k++) {
+        const VXMessage& m = (*batch)[k].message;
+        round->push_back({vxcli_message_time_ns(c.handle, &m), c.logical, m});
+      }
+      c.received += n;
+      if (c.cursor.lost != c.lost_seen) {
+        s->lost += c.cursor.lost - c.lost_seen;
+        c.lost_seen = c.cursor.lost;
+      }
+      if (rc == VXCLI_RX_READ_DETACHED || rc == VXCLI_RX_READ_ERROR) {
+        vxcli_rx_broker_cursor_close(&c.cursor);
+        c.reading = false;
+        reading--;
+        printf("Daemon: logging paused on slot %d (%s): channel closed\n", c.slot, c.identity);
+        // The daemon may be on its way down: have everything so far on disk.
+        merge_round(pending, round);
+        if (write_due(s, pending, true)) vxcli_log_output_checkpoint(s->output);
+        break;
+      }
+      if (rc == VXCLI_RX_READ_OVERRUN || rc == VXCLI_RX_READ_RESET) continue;
+      if (n == 0 || round->size() >= kRoundLimit) break;
+    }
+  }
+  return reading;
+}
+
 void logging_thread(LogSession* s) {
   std::vector<vxcli_log_record> round;
   round.reserve(kRoundLimit);
   std::vector<vxcli_rx_record> batch(512);
-  uint64_t last_refresh = 0, last_frame = daemon_now_ms();
+  Pending pending;
+  uint64_t last_refresh = 0;
   bool unsynced = false;
   snprintf(s->end_reason, sizeof s->end_reason, "stopped");
-  while (s->running.load()) {
+  while (s->running.load() && !s->write_failed) {
     uint64_t now = daemon_now_ms();
     if (s->duration > 0 && (double)(now - s->start_ms) >= s->duration * 1000.0) {
       snprintf(s->end_reason, sizeof s->end_reason, "duration elapsed");
@@ -183,60 +278,28 @@ void logging_thread(LogSession* s) {
       vxcli_daemon_command_unlock();
       last_refresh = now;
     }
-    // Everything each cursor holds; only the first read of an idle round waits.
-    bool waited = !round.empty();
-    int reading = 0;
-    for (int i = 0; i < s->count && round.size() < kRoundLimit; i++) {
-      LogChannel& c = s->channels[i];
-      if (!c.reading) continue;
-      reading++;
-      for (;;) {
-        size_t n = 0;
-        size_t room = kRoundLimit - round.size();
-        int rc = vxcli_rx_broker_read_batch(&c.cursor, batch.data(),
-                                            room < batch.size() ? room : batch.size(), &n,
-                                            waited ? 0 : 20);
-        waited = true;
-        for (size_t k = 0; k < n; k++) {
-          vxcli_log_record r;
-          r.message = batch[k].message;
-          r.logical = c.logical;
-          r.ns = vxcli_message_time_ns(c.handle, &r.message);
-          round.push_back(r);
-        }
-        c.received += n;
-        if (c.cursor.lost != c.lost_seen) {
-          s->lost += c.cursor.lost - c.lost_seen;
-          c.lost_seen = c.cursor.lost;
-        }
-        if (rc == VXCLI_RX_READ_DETACHED || rc == VXCLI_RX_READ_ERROR) {
-          vxcli_rx_broker_cursor_close(&c.cursor);
-          c.reading = false;
-          printf("Daemon: logging paused on slot %d (%s): channel closed\n", c.slot, c.identity);
-          last_refresh = 0;
-          break;
-        }
-        if (rc == VXCLI_RX_READ_OVERRUN || rc == VXCLI_RX_READ_RESET) continue;
-        if (n == 0 || round.size() >= kRoundLimit) break;
-      }
-    }
+    // A poll of every channel; when all were empty, a short wait on the first.
+    int reading = read_cursors(s, &round, &batch, 0, &pending);
+    if (reading > 0 && round.empty()) reading = read_cursors(s, &round, &batch, 20, &pending);
+    if (reading < s->count) last_refresh = std::min(last_refresh, now - kRefreshMs / 2);
     if (reading == 0 && round.empty()) usleep(20000);
-    if (!round.empty()) {
-      long n = vxcli_log_output_write(s->output, round.data(), round.size());
-      round.clear();
-      if (n < 0 || vxcli_log_output_flush(s->output) != 0) {
-        s->write_failed = true;
-        snprintf(s->end_reason, sizeof s->end_reason, "write failed");
-        printf("Daemon: logging to %s failed: cannot write the file\n", s->path);
-        break;
-      }
-      s->written += (uint64_t)n;
-      unsynced = true;
-      last_frame = daemon_now_ms();
-    } else if (unsynced && daemon_now_ms() - last_frame >= kIdleCheckpointMs) {
+    bool arrived = !round.empty();
+    merge_round(&pending, &round);
+    bool quiet = daemon_now_ms() - pending.last_arrival_ms >= kQuietMs;
+    size_t before = pending.records.size();
+    if (!write_due(s, &pending, quiet)) break;
+    if (pending.records.size() != before) unsynced = true;
+    if (!arrived && pending.records.empty() && unsynced &&
+        daemon_now_ms() - pending.last_arrival_ms >= kIdleCheckpointMs) {
       vxcli_log_output_checkpoint(s->output);
       unsynced = false;
     }
+  }
+  // What arrived before the stop still belongs in the file.
+  if (!s->write_failed) {
+    while (read_cursors(s, &round, &batch, 0, &pending) > 0 && !round.empty()) merge_round(&pending, &round);
+    merge_round(&pending, &round);
+    write_due(s, &pending, true);
   }
   for (int i = 0; i < s->count; i++)
     if (s->channels[i].reading) vxcli_rx_broker_cursor_close(&s->channels[i].cursor);

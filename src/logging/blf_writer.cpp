@@ -38,7 +38,8 @@ void write_header(BLFWriter* w) {
   header[15] = 1;
   wr64(header + 16, position);
   wr64(header + 24, position);
-  wr32(header + 32, w->object_count);
+  // Only objects in written containers: the header names what the file holds.
+  wr32(header + 32, w->object_count - w->open_objects);
   uint16_t times[8];
   vxcli_blf_calendar_time(w->start_ns, times);
   for (int i = 0; i < 8; i++) wr16(header + 40 + 2 * i, times[i]);
@@ -77,6 +78,7 @@ void flush(BLFWriter* w) {
   w->batch_used += w->used + 32 + pad;
   w->total_bytes += w->used + 32;
   w->used = 0;
+  w->open_objects = 0;
 }
 
 // After a container flush: write the batch when it is the first container,
@@ -113,6 +115,7 @@ inline uint8_t* reserve(BLFWriter* w, uint32_t type, uint32_t length, uint64_t t
   memset(p + 32, 0, length + pad);
   w->used += 32 + length + pad;
   w->object_count++;
+  w->open_objects++;
   return p + 32;
 }
 

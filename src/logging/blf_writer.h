@@ -27,6 +27,7 @@ struct BLFWriter {
   uint32_t batch_used;
   uint32_t batches_written;
   uint64_t batch_since_ns;  // monotonic time of the last batch write
+  uint32_t open_objects;    // of object_count, those still in buffer
 };
 
 BLFWriter* create_blf_writer(const char* path, int32_t channel_selector, uint64_t start_ns);
