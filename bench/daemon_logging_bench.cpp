@@ -44,7 +44,7 @@ void setup_slots(int count) {
     memset(&s.info, 0, sizeof s.info);
     memcpy(s.info.serial, "90000", 5);
     s.info.port = (uint8_t)i;
-    vxcli_rx_broker_attach(i, nullptr, nullptr, 0);  // the caller publishes
+    vxcli_rx_broker_attach(i, nullptr, 0, 0);  // the caller publishes
   }
 }
 
@@ -100,7 +100,8 @@ void run(benchmark::State& state, const char* format) {
     for (uint64_t i = 0; i < kFrames; i++) {
       int channel = (int)(i % (uint64_t)channels);
       if ((i & 1023) == 0)
-        while (backlog(channel) > half_ring) std::this_thread::sleep_for(std::chrono::microseconds(100));
+        for (int c = 0; c < channels; c++)
+          while (backlog(c) > half_ring) std::this_thread::sleep_for(std::chrono::microseconds(100));
       m.timestamp = (uint32_t)(i * 10);
       m.id = (uint32_t)(i & 0x7FF) << 18;
       memcpy(m.data, &i, 8);

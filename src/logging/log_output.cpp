@@ -1,5 +1,7 @@
 #include "logging/log_output.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstdio>
@@ -9,6 +11,10 @@
 
 struct vxcli_log_output {
   uint64_t start_ns;
+  // Records stamped by a device clock rather than wall-clock (PTP) time are
+  // moved onto the wall clock by the offset seen at the first of them.
+  bool have_offset;
+  uint64_t device_offset;
   vxcli_asc_writer* asc;
   vxcli_blf_handle* blf;
   bool failed;
@@ -42,6 +48,18 @@ long vxcli_log_output_write(vxcli_log_output* out, vxcli_log_record* records, si
   if (count > 1)
     std::stable_sort(records, records + count,
                      [](const vxcli_log_record& a, const vxcli_log_record& b) { return a.ns < b.ns; });
+  const uint64_t kDay = 86400ULL * 1000000000ULL;
+  for (size_t i = 0; i < count; i++) {
+    vxcli_log_record& r = records[i];
+    if (r.ns + kDay >= out->start_ns) continue;
+    if (!out->have_offset) {
+      struct timespec now;
+      clock_gettime(CLOCK_REALTIME, &now);
+      out->device_offset = (uint64_t)now.tv_sec * 1000000000ULL + (uint64_t)now.tv_nsec - r.ns;
+      out->have_offset = true;
+    }
+    r.ns += out->device_offset;
+  }
   long written = 0;
   for (size_t i = 0; i < count; i++) {
     const vxcli_log_record& r = records[i];

@@ -9,8 +9,9 @@
 #include "logging/asc.h"
 #include "vxapi.h"
 
-// A received record with its absolute time (ns since 1970) and the 1-based
-// logical channel it is logged under.
+// A received record with its time in ns and the 1-based logical channel it is
+// logged under. The time is wall-clock (PTP) time, or a device clock's, which
+// the output moves onto the wall clock at the first such record.
 struct vxcli_log_record {
   uint64_t ns;
   int logical;

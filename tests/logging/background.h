@@ -16,6 +16,12 @@
 
 namespace logtest {
 
+// A sandbox whose commands run standalone: its daemon port is one no test
+// starts a daemon on, so a daemon of someone else's cannot take the commands.
+struct StandaloneBox : vxtest::Sandbox {
+  StandaloneBox() { env()["VXCLI_DAEMON_PORT"] = std::to_string(20000 + (getpid() + 13001) % 20000); }
+};
+
 class Background {
  public:
   Background(vxtest::Sandbox& box, const std::vector<std::string>& args, const std::string& name)

@@ -37,7 +37,7 @@ Capture capture_replay(vxtest::Sandbox& box, const std::string& log_channels,
 }  // namespace
 
 TEST(LoggingReplay, CapturesReplayToTheSameFramesThroughAscAndBlf) {
-  vxtest::Sandbox box;
+  StandaloneBox box;
   std::string source = vxtest::testdata("interop/pycan_stored.blf");
   auto want = read_frames(source);
   ASSERT_EQ(want.size(), 192u);
@@ -71,7 +71,7 @@ TEST(LoggingReplay, CapturesReplayToTheSameFramesThroughAscAndBlf) {
 }
 
 TEST(LoggingReplay, LoopWithCycleDelayUntilInterrupted) {
-  vxtest::Sandbox box;
+  StandaloneBox box;
   std::string trace = box.write_file("loop.asc",
                                      "base hex  timestamps absolute\n"
                                      "1.000000 1 101 Rx d 1 01\n"
@@ -105,7 +105,7 @@ TEST(LoggingReplay, LoopWithCycleDelayUntilInterrupted) {
 }
 
 TEST(LoggingReplay, BlfKilledAfterFirstContainerStaysReadable) {
-  vxtest::Sandbox box;
+  StandaloneBox box;
   std::string trace;
   for (int i = 0; i < 70; i++) {
     char line[64];
@@ -138,7 +138,7 @@ TEST(LoggingReplay, BlfKilledAfterFirstContainerStaysReadable) {
 }
 
 TEST(LoggingReplay, RefusalsAndCountedErrors) {
-  vxtest::Sandbox box;
+  StandaloneBox box;
   std::string trace = box.write_file("t.asc",
                                      "1.0 1 100 Rx d 1 00\n"
                                      "1.1 2 101 Rx d 1 00\n"
