@@ -166,62 +166,27 @@ void refresh_channels(LogSession* s) {
   }
 }
 
-bool by_time(const vxcli_log_record& a, const vxcli_log_record& b) { return a.ns < b.ns; }
-
-// Records read but not yet written, in time order. Each channel reaches the
-// broker through its own worker, so a frame can turn up a little after a
-// later frame of another channel; a record is written only once one this much
-// newer was seen, or once the bus has been quiet for a while.
-struct Pending {
-  std::vector<vxcli_log_record> records;
-  uint64_t newest = 0;
-  uint64_t last_arrival_ms = 0;
-};
-const uint64_t kHoldBackNs = 100000000ULL;
-const uint64_t kQuietMs = 100;
-const size_t kPendingLimit = 65536;
-
-void merge_round(Pending* p, std::vector<vxcli_log_record>* round) {
-  if (round->empty()) return;
-  std::stable_sort(round->begin(), round->end(), by_time);
-  if (round->back().ns > p->newest) p->newest = round->back().ns;
-  size_t middle = p->records.size();
-  p->records.insert(p->records.end(), round->begin(), round->end());
-  std::inplace_merge(p->records.begin(), p->records.begin() + (long)middle, p->records.end(), by_time);
-  round->clear();
-  p->last_arrival_ms = daemon_now_ms();
-}
-
-// Writes the records that are due (all of them when all); false once writing
-// failed (logged).
-bool write_due(LogSession* s, Pending* p, bool all) {
+// Hands a round of records to the output, which writes the due ones; false
+// once writing failed (logged).
+bool write_round(LogSession* s, std::vector<vxcli_log_record>* round, bool all = false) {
   if (s->write_failed) return false;
-  size_t due = p->records.size();
-  if (!all && p->newest > kHoldBackNs) {
-    vxcli_log_record limit;
-    limit.ns = p->newest - kHoldBackNs;
-    due = (size_t)(std::upper_bound(p->records.begin(), p->records.end(), limit, by_time) - p->records.begin());
-  } else if (!all) {
-    due = 0;
-  }
-  if (p->records.size() - due > kPendingLimit) due = p->records.size() - kPendingLimit;
-  if (due == 0) return true;
-  long n = vxcli_log_output_write(s->output, p->records.data(), due);
-  p->records.erase(p->records.begin(), p->records.begin() + (long)due);
-  if (n < 0 || vxcli_log_output_flush(s->output) != 0) {
+  long n = vxcli_log_output_write(s->output, round->data(), round->size());
+  round->clear();
+  long rest = n >= 0 && all ? vxcli_log_output_write_all(s->output) : 0;
+  if (n < 0 || rest < 0 || vxcli_log_output_flush(s->output) != 0) {
     s->write_failed = true;
     snprintf(s->end_reason, sizeof s->end_reason, "write failed");
     printf("Daemon: logging to %s failed: cannot write the file\n", s->path);
     return false;
   }
-  s->written += (uint64_t)n;
+  s->written += (uint64_t)(n + rest);
   return true;
 }
 
 // Reads what the session's cursors hold into round (waiting up to wait_ms for
 // the first record); returns the number of channels still being read.
 int read_cursors(LogSession* s, std::vector<vxcli_log_record>* round, std::vector<vxcli_rx_record>* batch,
-                 int wait_ms, Pending* pending) {
+                 int wait_ms) {
   int reading = 0;
   for (int i = 0; i < s->count && round->size() < kRoundLimit; i++) {
     LogChannel& c = s->channels[i];
@@ -248,8 +213,7 @@ int read_cursors(LogSession* s, std::vector<vxcli_log_record>* round, std::vecto
         reading--;
         printf("Daemon: logging paused on slot %d (%s): channel closed\n", c.slot, c.identity);
         // The daemon may be on its way down: have everything so far on disk.
-        merge_round(pending, round);
-        if (write_due(s, pending, true)) vxcli_log_output_checkpoint(s->output);
+        if (write_round(s, round, true)) vxcli_log_output_checkpoint(s->output);
         break;
       }
       if (rc == VXCLI_RX_READ_OVERRUN || rc == VXCLI_RX_READ_RESET) continue;
@@ -263,8 +227,7 @@ void logging_thread(LogSession* s) {
   std::vector<vxcli_log_record> round;
   round.reserve(kRoundLimit);
   std::vector<vxcli_rx_record> batch(512);
-  Pending pending;
-  uint64_t last_refresh = 0;
+  uint64_t last_refresh = 0, last_arrival = daemon_now_ms();
   bool unsynced = false;
   snprintf(s->end_reason, sizeof s->end_reason, "stopped");
   while (s->running.load() && !s->write_failed) {
@@ -279,27 +242,25 @@ void logging_thread(LogSession* s) {
       last_refresh = now;
     }
     // A poll of every channel; when all were empty, a short wait on the first.
-    int reading = read_cursors(s, &round, &batch, 0, &pending);
-    if (reading > 0 && round.empty()) reading = read_cursors(s, &round, &batch, 20, &pending);
+    int reading = read_cursors(s, &round, &batch, 0);
+    if (reading > 0 && round.empty()) reading = read_cursors(s, &round, &batch, 20);
     if (reading < s->count) last_refresh = std::min(last_refresh, now - kRefreshMs / 2);
     if (reading == 0 && round.empty()) usleep(20000);
-    bool arrived = !round.empty();
-    merge_round(&pending, &round);
-    bool quiet = daemon_now_ms() - pending.last_arrival_ms >= kQuietMs;
-    size_t before = pending.records.size();
-    if (!write_due(s, &pending, quiet)) break;
-    if (pending.records.size() != before) unsynced = true;
-    if (!arrived && pending.records.empty() && unsynced &&
-        daemon_now_ms() - pending.last_arrival_ms >= kIdleCheckpointMs) {
+    if (!round.empty()) {
+      last_arrival = daemon_now_ms();
+      unsynced = true;
+    }
+    if (!write_round(s, &round)) break;
+    if (unsynced && daemon_now_ms() - last_arrival >= kIdleCheckpointMs) {
       vxcli_log_output_checkpoint(s->output);
       unsynced = false;
     }
   }
   // What arrived before the stop still belongs in the file.
   if (!s->write_failed) {
-    while (read_cursors(s, &round, &batch, 0, &pending) > 0 && !round.empty()) merge_round(&pending, &round);
-    merge_round(&pending, &round);
-    write_due(s, &pending, true);
+    while (read_cursors(s, &round, &batch, 0) > 0 && !round.empty())
+      if (!write_round(s, &round)) break;
+    write_round(s, &round, true);
   }
   for (int i = 0; i < s->count; i++)
     if (s->channels[i].reading) vxcli_rx_broker_cursor_close(&s->channels[i].cursor);

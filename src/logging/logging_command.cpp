@@ -214,8 +214,8 @@ int vxcli_logging_start_command(int count, char** words) {
   unsigned captured = 0;
   bool write_failed = false;
   int living = opened;
-  // What one round of reads collected, written in time order so that the
-  // channels interleave in the file as they did on the bus.
+  // What one round of reads collected; the output interleaves the channels
+  // in time order, as they were on the bus.
   std::vector<vxcli_log_record> pending;
   pending.reserve(kRoundLimit);
   while (g_logging_running.load() && living > 0 && !write_failed) {
@@ -232,6 +232,11 @@ int vxcli_logging_start_command(int count, char** words) {
   }
   sigaction(SIGINT, &previous, nullptr);
   g_logging_running = 0;
+  if (!write_failed) {
+    long rest = vxcli_log_output_write_all(out);
+    if (rest < 0) write_failed = true;
+    else captured += (unsigned)rest;
+  }
   int closed = vxcli_log_output_close(out);
   vxcli_log_close_channels(channels, opened);
   if (write_failed || closed != 0) {

@@ -142,7 +142,7 @@ TEST(DaemonLogging, LinReplayOnDaemonLinChannelsLoggedToAsc) {
   EXPECT_EQ(got[1].length, 8);
   EXPECT_EQ(got[1].data[7], 0x77);
   EXPECT_TRUE(got[1].lin_enhanced);
-  EXPECT_NEAR(got[1].time - got[0].time, 0.020, 0.01);
+  EXPECT_NEAR(got[1].time - got[0].time, 0.020, 0.015);  // 19200 bit/s frames of 2 and 8 bytes
 }
 
 TEST(DaemonLogging, StopEndsALoopingReplayAndRefusals) {
@@ -181,7 +181,7 @@ TEST(DaemonLogging, StopEndsALoopingReplayAndRefusals) {
   for (size_t i = 1; i < frames.size(); i++) {
     SCOPED_TRACE(i);
     EXPECT_EQ(frames[i].id, i % 2 ? 0x102u : 0x101u);
-    EXPECT_NEAR(frames[i].time - frames[i - 1].time, i % 2 ? 0.100 : 0.200, 0.03);
+    EXPECT_NEAR(frames[i].time - frames[i - 1].time, i % 2 ? 0.100 : 0.200, 0.05);
   }
 }
 

@@ -100,7 +100,7 @@ TEST(LoggingReplay, LoopWithCycleDelayUntilInterrupted) {
     SCOPED_TRACE(i);
     EXPECT_EQ(frames[i].id, i % 2 ? 0x102u : 0x101u);
     double gap = frames[i].time - frames[i - 1].time;
-    EXPECT_NEAR(gap, i % 2 ? 0.100 : 0.300, 0.03);
+    EXPECT_NEAR(gap, i % 2 ? 0.100 : 0.300, 0.05);  // a loaded machine oversleeps
   }
 }
 
