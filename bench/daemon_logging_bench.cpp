@@ -103,7 +103,7 @@ void run(benchmark::State& state, const char* format) {
         for (int c = 0; c < channels; c++)
           while (backlog(c) > half_ring) std::this_thread::sleep_for(std::chrono::microseconds(100));
       m.timestamp = (uint32_t)(i * 10);
-      m.id = (uint32_t)(i & 0x7FF) << 18;
+      m.id = (uint32_t)(i & 0x7FF);
       memcpy(m.data, &i, 8);
       vxcli_rx_broker_publish(channel, &m);
     }

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "json/json.h"
+#include "background.h"
 #include "log_test.h"
 #include "vxtest.h"
 
@@ -18,10 +19,16 @@ namespace {
 // stopped on the way out, also after a failed assertion.
 struct DaemonBox {
   vxtest::Sandbox box;
-  int port = 20000 + (getpid() + 7919) % 20000;
+  int port = 0;
   DaemonBox() {
-    box.env()["VXCLI_DAEMON_PORT"] = std::to_string(port);
-    auto r = run({"daemon", "start"});
+    // Another daemon may take the port between the pick and the start: pick again.
+    vxtest::RunResult r;
+    for (int attempt = 0; attempt < 3; attempt++) {
+      port = free_port();
+      box.env()["VXCLI_DAEMON_PORT"] = std::to_string(port);
+      r = run({"daemon", "start"});
+      if (r.rc == 0) break;
+    }
     EXPECT_EQ(r.rc, 0) << r.out << r.err;
   }
   ~DaemonBox() { box.vxcli({"daemon", "stop"}, 30); }
