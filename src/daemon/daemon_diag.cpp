@@ -1,5 +1,5 @@
 // The daemon's diagnostic services: the stored UDS session, uds request and
-// the isotp transfers on open slots (read through the receive broker), and
+// unlock, the isotp transfers on open slots (read through the receive broker), and
 // the TesterPresent task.
 //
 // A command whose channel is not one of the daemon's open slots is left to
@@ -19,6 +19,7 @@
 #include "diag/commands.h"
 #include "diag/diag_util.h"
 #include "diag/isotp_link.h"
+#include "diag/seedkey.h"
 #include "diag/uds_client.h"
 
 namespace {
@@ -180,6 +181,36 @@ const char* answer_request(const Words& w, Out* out) {
   else if (format == VXCLI_FORMAT_TEXT)
     daemon_put(out, "OK: %s on slot %d\n", outcome.state, slot);
   daemon_put(out, "%s", body.c_str());
+  return out->data;
+}
+
+const char* answer_unlock(const Words& w, Out* out) {
+  vxcli_uds_session session;
+  int slot = -1;
+  std::string error;
+  SessionResult r = resolve_session(w, 2, &session, &slot, &error);
+  if (r == kSessionNotHere) return nullptr;
+  uint32_t level = 0;
+  std::string algo;
+  if (vxcli_uds_unlock_plan_from_words(rest_count(w, 2), rest(w, 2), &level, &algo, &error) != 0)
+    return error_answer(out, error);
+  if (r == kSessionError) return error_answer(out, error);
+  char message[512];
+  vxcli_seedkey library;
+  if (vxcli_seedkey_load(algo.c_str(), &library, message, sizeof message) != 0) return error_answer(out, message);
+  vxcli_uds_transport t;
+  if (vxcli_uds_open_link_transport(&session, g_daemon_slots[slot].handle, slot, "daemon-uds-security-access", &t,
+                                    message, sizeof message) != 0) {
+    vxcli_seedkey_close(&library);
+    return error_answer(out, message);
+  }
+  const uint32_t format = answer_format(w);
+  std::string body;
+  int rc = vxcli_uds_unlock_run(&t, &library, level, algo, format, &body, &error);
+  t.close(t.context);
+  vxcli_seedkey_close(&library);
+  if (rc != 0) return error_answer(out, error);
+  daemon_put(out, "%s%s", format == VXCLI_FORMAT_TEXT ? "OK: " : "", body.c_str());
   return out->data;
 }
 
@@ -523,6 +554,7 @@ const char* daemon_answer_diag(const Words& w, Out* out) {
     return "ERROR: uds config requires get|set\n";
   }
   if (daemon_is(b, "request")) return answer_request(w, out);
+  if (daemon_is(b, "unlock")) return answer_unlock(w, out);
   if (daemon_is(b, "present")) {
     if (daemon_is(c, "send")) return answer_present_send(w, out);
     if (daemon_is(c, "start")) return answer_present_start(w, out);

@@ -108,3 +108,13 @@ std::string vxcli_uds_request_render(const vxcli_uds_request_plan& plan,
 // The failure message of an outcome, empty on success.
 std::string vxcli_uds_request_error(const vxcli_uds_request_plan& plan,
                                     const vxcli_uds_request_outcome& outcome);
+
+// "uds unlock": --level (1..126) and --algo; 0, or 1 with the message.
+int vxcli_uds_unlock_plan_from_words(int count, char** words, uint32_t* level, std::string* algo,
+                                     std::string* error);
+struct vxcli_seedkey;
+// Security access over an open transport with a loaded library; 0 with what
+// the command prints in *body, or 1 with the message.
+int vxcli_uds_unlock_run(const vxcli_uds_transport* transport, const vxcli_seedkey* library,
+                         uint32_t level, const std::string& algo, uint32_t format, std::string* body,
+                         std::string* error);

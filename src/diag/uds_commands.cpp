@@ -282,25 +282,85 @@ int vxcli_uds_request_command(int count, char** words) {
   return outcome.rc;
 }
 
-int vxcli_uds_unlock_command(int count, char** words) {
+int vxcli_uds_unlock_plan_from_words(int count, char** words, uint32_t* level, std::string* algo,
+                                     std::string* error) {
+  char message[300];
   const char* level_text = vxcli_get_option(count, words, "level");
   if (!level_text) {
-    vxcli_print_error("--level is required");
+    *error = "--level is required";
     return 1;
   }
+  if (!vxcli_diag_parse_u32(level_text, level) || *level < 1 || *level > 126) {
+    snprintf(message, sizeof message, "--level %s out of range (expected e.g. 0x11)", level_text);
+    *error = message;
+    return 1;
+  }
+  const char* text = vxcli_get_option(count, words, "algo");
+  if (!text || !*text) {
+    *error = "--algo is required (path to security DLL/.so)";
+    return 1;
+  }
+  *algo = text;
+  return 0;
+}
+
+int vxcli_uds_unlock_run(const vxcli_uds_transport* t, const vxcli_seedkey* library, uint32_t level,
+                         const std::string& algo, uint32_t format, std::string* body, std::string* error) {
+  char message[512];
+  auto fail = [&](const char* text) {
+    *error = text;
+    return 1;
+  };
+  const uint8_t seed_sub = static_cast<uint8_t>(level | 1);
+  const uint8_t seed_request[2] = {0x27, seed_sub};
+  if (t->send(t->context, seed_request, 2, 5000) != 0) {
+    snprintf(message, sizeof message, "seed request TX failed: %s", transport_error(t));
+    return fail(message);
+  }
+  uint8_t response[64];
+  uint32_t length = sizeof response;
+  uint32_t status = read_isotp_with_pending(t, 0x27, response, &length);
+  if (status != 0 || length < 3 || response[0] != 0x67) {
+    snprintf(message, sizeof message, "invalid seed response (expected 67 %02X)", seed_sub);
+    return fail(message);
+  }
+  const uint32_t seed_length = length - 2;
+  uint8_t key[VXCLI_SEEDKEY_MAX_KEY];
+  uint32_t key_length = 0;
+  if (vxcli_seedkey_compute(library, response + 2, seed_length, level, key, &key_length, message,
+                            sizeof message) != 0)
+    return fail(message);
+  // The key sub-function is the level with bit 0 cleared, not seed + 1.
+  uint8_t key_request[2 + VXCLI_SEEDKEY_MAX_KEY] = {0x27, static_cast<uint8_t>(level & ~1u)};
+  memcpy(key_request + 2, key, key_length);
+  if (t->send(t->context, key_request, 2 + key_length, 5000) != 0) {
+    snprintf(message, sizeof message, "send-key TX failed: %s", transport_error(t));
+    return fail(message);
+  }
+  length = sizeof response;
+  status = read_isotp_with_pending(t, 0x27, response, &length);
+  if (status != 0 || length < 2 || response[0] != 0x67)
+    return fail("security unlock rejected (key not accepted by ECU)");
+  if (format == VXCLI_FORMAT_JSON || format == VXCLI_FORMAT_JSONL)
+    snprintf(message, sizeof message, "{\"status\":\"ok\",\"level\":%u,\"algo\":\"%s\",\"seed_size\":%u,\"key_size\":%u}\n",
+             level, vxcli_diag_json_escape(algo.c_str()).c_str(), seed_length, key_length);
+  else
+    snprintf(message, sizeof message, "Security level 0x%X unlocked via %s (seed=%u bytes, key=%u bytes)\n", level,
+             algo.c_str(), seed_length, key_length);
+  *body = message;
+  return 0;
+}
+
+int vxcli_uds_unlock_command(int count, char** words) {
   uint32_t level = 0;
-  if (!vxcli_diag_parse_u32(level_text, &level) || level < 1 || level > 126) {
-    vxcli_print_error("--level %s out of range (expected e.g. 0x11)", level_text);
-    return 1;
-  }
-  const char* algo = vxcli_get_option(count, words, "algo");
-  if (!algo || !*algo) {
-    vxcli_print_error("--algo is required (path to security DLL/.so)");
+  std::string algo, error;
+  if (vxcli_uds_unlock_plan_from_words(count, words, &level, &algo, &error) != 0) {
+    vxcli_print_error("%s", error.c_str());
     return 1;
   }
   char message[512];
   vxcli_seedkey library;
-  if (vxcli_seedkey_load(algo, &library, message, sizeof message) != 0) {
+  if (vxcli_seedkey_load(algo.c_str(), &library, message, sizeof message) != 0) {
     vxcli_print_error("%s", message);
     return 1;
   }
@@ -313,51 +373,12 @@ int vxcli_uds_unlock_command(int count, char** words) {
   TransportGuard guard;
   if (open_session_transport(count, words, "standalone-uds-security-access", &session, &guard) != 0)
     return 1;
-  const vxcli_uds_transport* t = &guard.t;
-
-  const uint8_t seed_sub = static_cast<uint8_t>(level | 1);
-  const uint8_t seed_request[2] = {0x27, seed_sub};
-  uint32_t status = t->send(t->context, seed_request, 2, 5000);
-  if (status != 0) {
-    vxcli_print_error("seed request TX failed: %s", transport_error(t));
+  std::string body;
+  if (vxcli_uds_unlock_run(&guard.t, &library, level, algo, g_config.format, &body, &error) != 0) {
+    vxcli_print_error("%s", error.c_str());
     return 1;
   }
-  uint8_t response[64];
-  uint32_t length = sizeof response;
-  status = read_isotp_with_pending(t, 0x27, response, &length);
-  if (status != 0 || length < 3 || response[0] != 0x67) {
-    vxcli_print_error("invalid seed response (expected 67 %02X)", seed_sub);
-    return 1;
-  }
-  const uint32_t seed_length = length - 2;
-  uint8_t key[VXCLI_SEEDKEY_MAX_KEY];
-  uint32_t key_length = 0;
-  if (vxcli_seedkey_compute(&library, response + 2, seed_length, level, key, &key_length, message,
-                            sizeof message) != 0) {
-    vxcli_print_error("%s", message);
-    return 1;
-  }
-  // The key sub-function is the level with bit 0 cleared, not seed + 1.
-  uint8_t key_request[2 + VXCLI_SEEDKEY_MAX_KEY] = {0x27, static_cast<uint8_t>(level & ~1u)};
-  memcpy(key_request + 2, key, key_length);
-  status = t->send(t->context, key_request, 2 + key_length, 5000);
-  if (status != 0) {
-    vxcli_print_error("send-key TX failed: %s", transport_error(t));
-    return 1;
-  }
-  length = sizeof response;
-  status = read_isotp_with_pending(t, 0x27, response, &length);
-  if (status != 0 || length < 2 || response[0] != 0x67) {
-    vxcli_print_error("security unlock rejected (key not accepted by ECU)");
-    return 1;
-  }
-  if (json_mode()) {
-    printf("{\"status\":\"ok\",\"level\":%u,\"algo\":\"%s\",\"seed_size\":%u,\"key_size\":%u}\n", level,
-           vxcli_diag_json_escape(algo).c_str(), seed_length, key_length);
-  } else {
-    printf("Security level 0x%X unlocked via %s (seed=%u bytes, key=%u bytes)\n", level, algo,
-           seed_length, key_length);
-  }
+  fputs(body.c_str(), stdout);
   return 0;
 }
 

@@ -29,7 +29,9 @@ TEST(DiagDaemonE2E, SessionRequestsAndTesterPresent) {
           "22F190 62F190" + hex_bytes(17, 0x41) + "\n"
           "3E00 7E00\n"
           "1902FF 5902FF0123452F\n"
-          "2EF1A0* 6EF1A0\n");
+          "2EF1A0* 6EF1A0\n"
+          "2711 671112345678\n"
+          "2710C8A306F1 6710\n");
   ASSERT_TRUE(ecu.ready()) << ecu.process.err();
 
   r = d.run({"uds", "config", "get"});
@@ -56,6 +58,15 @@ TEST(DiagDaemonE2E, SessionRequestsAndTesterPresent) {
   r = d.run({"uds", "request", "22F190", "--suppress-positive-response"});
   EXPECT_EQ(r.rc, 1);
   EXPECT_TRUE(has(r.out, "service 0x22 has no suppressible subfunction byte")) << r.out;
+
+  // Security access in the daemon with the sample library.
+  const std::string library = vxtest::bin_path("libvxseedkey.so");
+  r = d.run({"uds", "unlock", "--level=0x11", "--algo=" + library});
+  EXPECT_EQ(r.rc, 0) << r.out << r.err;
+  EXPECT_TRUE(has(r.out, "OK: Security level 0x11 unlocked via " + library + " (seed=4 bytes, key=4 bytes)")) << r.out;
+  r = d.run({"uds", "unlock", "--level=0x11", "--algo=/nonexistent/seedkey.so"});
+  EXPECT_EQ(r.rc, 1);
+  EXPECT_TRUE(has(r.out, "ERROR: --algo '/nonexistent/seedkey.so' could not be loaded")) << r.out;
 
   // Multi-frame send through the broker link: the flow control comes back through a cursor.
   r = d.run({"isotp", "send", "--channel=10356/1", "--reqid=0x7E0", "--respid=0x7E8",
