@@ -74,6 +74,27 @@ TEST(DiagDaemonE2E, SessionRequestsAndTesterPresent) {
   EXPECT_EQ(r.rc, 0) << r.out << r.err;
   EXPECT_TRUE(has(r.out, "OK: ISOTP TX 100 bytes on 10356/1 id=0x7E0 (15 frame(s) sent, 2 received)")) << r.out;
 
+  // A multi-frame payload received by the daemon: its flow control goes out on
+  // the slot. The sender talks to no daemon (another port), so it is not
+  // queued behind the receive that keeps the daemon busy.
+  {
+    Background recv(d.box,
+                    {"isotp", "recv", "--channel=10356/1", "--reqid=0x7E1", "--respid=0x7E9", "--timeout=15000"},
+                    "daemon-recv");
+    std::string port = d.box.env()["VXCLI_DAEMON_PORT"];
+    d.box.env()["VXCLI_DAEMON_PORT"] = std::to_string(std::stoi(port) + 1);
+    bool sent = false;
+    for (int i = 0; i < 30 && !sent; i++)
+      sent = d.run({"isotp", "send", "--channel=10357/1", "--reqid=0x7E9", "--respid=0x7E1", "--timeout=300",
+                    "--data=" + hex_bytes(20, 0x30)})
+                 .rc == 0;
+    d.box.env()["VXCLI_DAEMON_PORT"] = port;
+    EXPECT_TRUE(sent);
+    EXPECT_EQ(recv.wait(), 0) << recv.out() << recv.err();
+    EXPECT_TRUE(has(recv.out(), "OK: ISOTP RX 20 bytes on 10356/1 id=0x7E9 (1 frame(s) sent, 3 received): 30 31 32"))
+        << recv.out();
+  }
+
   // Left to the client, which runs it with the daemon's session.
   r = d.run({"uds", "dtc", "active"});
   EXPECT_EQ(r.rc, 0) << r.out << r.err;
