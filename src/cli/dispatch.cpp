@@ -21,6 +21,7 @@
 #include "database/commands.h"
 #include "database/ldf.h"
 #include "diag/commands.h"
+#include "diag/uds_client.h"
 #include "logging/commands.h"
 
 namespace {
@@ -222,7 +223,10 @@ int local_first(int count, char** words, bool* handled) {
     }
     return not_available("channel", "autoset");
   }
-  if (is(w1, "uds") && is(w2, "discover")) return vxcli_uds_discover_command(count - 2, words + 2);
+  if (is(w1, "uds") && is(w2, "discover")) {
+    if (vxcli_daemon_is_running()) vxcli_uds_session_load_from_daemon();
+    return vxcli_uds_discover_command(count - 2, words + 2);
+  }
   if (is(w1, "doctor")) return not_available("doctor");
   if (is(w1, "web")) {
     if (!one_of(w2, {"start", "stop", "status"})) {
@@ -375,6 +379,8 @@ int standalone(int count, char** words) {
       vxcli_print_error("uds config %s requires daemon mode; start daemon first", w3);
       return 1;
     }
+    // Commands the daemon left to us still use the session stored there.
+    if (vxcli_daemon_is_running()) vxcli_uds_session_load_from_daemon();
     if (is(w2, "request")) return vxcli_uds_request_command(count - 2, words + 2);
     if (is(w2, "load")) return vxcli_uds_load_command(count - 2, words + 2);
     if (is(w2, "save")) return vxcli_uds_save_command(count - 2, words + 2);
