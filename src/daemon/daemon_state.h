@@ -85,6 +85,11 @@ const char* daemon_answer_services(const Words& w, Out* out);  // txtask, route,
 const char* daemon_answer_logging(const Words& w, Out* out);   // logging, replay
 const char* daemon_answer_diag(const Words& w, Out* out);      // isotp, uds
 
+// Stops host replay and logging and finishes the log file (waits up to 10 s
+// each). Call before the slots close when the daemon stops, under the command
+// lock or not; the threads never wait for the lock while stopping.
+void vxcli_daemon_logging_shutdown();
+
 // Automatic bus-off recovery after each synchronous request (on at start);
 // switched by "channel auto-recover on|off".
 extern bool g_daemon_auto_recover;
