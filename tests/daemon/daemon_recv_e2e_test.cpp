@@ -150,7 +150,11 @@ TEST(DaemonRecvE2E, ClaimReleaseAndTheGuard) {
   EXPECT_TRUE(eventually([&] { return d.run({"daemon", "status"}).out.find("slot 0, owner=none") != std::string::npos; },
                          5000));
 
-  // A device that vanished cannot be controlled or claimed until it returns.
+  // A device that vanished cannot be controlled or claimed until it returns;
+  // then its slot is reopened and given its TX tasks back (a replugged device
+  // starts empty).
+  auto task = d.run({"txtask", "add", "--channel=0", "--message=0x321", "--cycle=5", "--data=AA"});
+  ASSERT_EQ(task.rc, 0) << task.out << task.err;
   ASSERT_EQ(d.box.run_program("vxsim", {"unplug", "10356"}).rc, 0);
   d.run({"daemon", "status"});  // the recovery tick after it notices
   EXPECT_EQ(d.run({"channel", "close", "--channel=0"}).out,
@@ -167,6 +171,9 @@ TEST(DaemonRecvE2E, ClaimReleaseAndTheGuard) {
   EXPECT_TRUE(in_log(d, "Daemon: slot 0 recovered (SN=10356 port=0)"));
   EXPECT_NE(d.run({"daemon", "status"}).out.find("slot 0, owner=none, phase=active"), std::string::npos);
   EXPECT_EQ(d.run({"message", "send", "--channel=0", "--id=1"}).rc, 0);
+  auto again = d.run({"message", "recv", "--channel=1", "--id=0x321", "--count=2", "--duration=3"});
+  EXPECT_EQ(again.rc, 0) << again.out;
+  EXPECT_EQ(count_of(again.out, " RX 0x00000321 [1] AA "), 2) << again.out;
   EXPECT_EQ(d.run({"channel", "close", "--channel=0"}).rc, 0);
 }
 
