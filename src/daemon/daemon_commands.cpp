@@ -336,9 +336,6 @@ void daemon_close_channel(int index) {
   s.handle = nullptr;
   s.notify = 0;
   s.open = false;
-  // The channel's tasks and routes end with it; the next channel in this slot starts empty.
-  s.txtask_count = 0;
-  s.route_count = 0;
   vxcli_control_clear_slot(&g_arbiter, static_cast<uint32_t>(index));
   printf("Daemon: slot %d closed\n", index);
 }
@@ -416,6 +413,10 @@ int open_channel(const char* spec_text, const vxcli_daemon_channel_options& o, b
     snprintf(error, size, "ERROR: no free channel slots\n");
     return -1;
   }
+  // A channel new to the slot starts without the tables of the slot's previous channel
+  // (close keeps them, so that a close-and-reopen can restore them).
+  g_slots[index].txtask_count = 0;
+  g_slots[index].route_count = 0;
   if (open_into_slot(index, *entry, config) != 0) {
     snprintf(error, size, "ERROR: could not open channel %s\n", spec_text);
     return -1;

@@ -118,7 +118,7 @@ TEST(DaemonLogging, TwoChannelsIntoOneBlfWhileAReplayRuns) {
 
 TEST(DaemonLogging, LinReplayOnDaemonLinChannelsLoggedToAsc) {
   DaemonBox d;
-  d.open("10356/4");                 // slot 0, master: sends the trace's frames
+  d.open("10356/4", "--mode=master");  // slot 0, master: sends the trace's frames
   d.open("10357/4", "--mode=slave");  // slot 1, hears them
   d.open("10356/0");                 // slot 2, CAN
   std::string trace = d.box.write_file("lin.asc",
