@@ -213,7 +213,9 @@ void BM_DaemonRecvJsonlUnderFlood(benchmark::State& state) {
       pid_t pid = fork();
       if (pid == 0) {
         int fd = open(outs.back().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        int err = open((outs.back() + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         dup2(fd, 1);
+        dup2(err, 2);
         std::string channel = "--channel=" + std::to_string(c);
         execl(exe.c_str(), exe.c_str(), "message", "recv", channel.c_str(), count.c_str(), "--duration=20",
               "--format=jsonl", static_cast<char*>(nullptr));
@@ -229,6 +231,10 @@ void BM_DaemonRecvJsonlUnderFlood(benchmark::State& state) {
     double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     for (const auto& o : outs) {
       std::string text = slurp(o);
+      std::string err = slurp(o + ".err");
+      if (!err.empty()) fprintf(stderr, "recv client: %s", err.c_str());
+      if (text.rfind("ERROR", 0) == 0 || text.rfind("{\"status\":\"error\"", 0) == 0)
+        fprintf(stderr, "recv client: %.300s\n", text.c_str());
       frames += std::count(text.begin(), text.end(), '\n');
     }
     seconds += elapsed;
