@@ -1,6 +1,7 @@
 // The daemon process: start-up, the TCP serving loop, request parsing and the
 // JSON error envelope.
 #include "daemon/daemon.h"
+#include "daemon/daemon_state.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -179,6 +180,7 @@ void stop_receivers();
 
 [[noreturn]] void shutdown_and_exit(int listener) {
   stop_receivers();
+  vxcli_daemon_logging_shutdown();
   {
     std::lock_guard<std::mutex> guard(g_daemon_command_lock);
     daemon_close_all_slots();

@@ -13,6 +13,7 @@
 #include "daemon/arbiter.h"
 #include "daemon/client.h"
 #include "daemon/daemon.h"
+#include "daemon/daemon_services.h"
 #include "daemon/daemon_state.h"
 #include "daemon/daemon_recv.h"
 #include "daemon/rx_broker.h"
@@ -313,17 +314,9 @@ void close_device_keep_slot(int index) {
 
 // Brings a reopened slot's device-side tables back from the slot's copies.
 void restore_tables(int index) {
-  Slot& s = g_slots[index];
-  if (s.txtask_count > 0) {
-    VXStatus st = VX_SetTxTasks(s.handle, s.txtasks, static_cast<uint32_t>(s.txtask_count));
-    if (st != VX_OK)
-      printf("Daemon: slot %d TX task restore failed: %s (0x%X)\n", index, vxcli_status_to_string(st), st);
-  }
-  if (s.route_count > 0) {
-    VXStatus st = VX_SetMsgRoutes(s.handle, s.routes, static_cast<uint32_t>(s.route_count));
-    if (st != VX_OK)
-      printf("Daemon: slot %d route restore failed: %s (0x%X)\n", index, vxcli_status_to_string(st), st);
-  }
+  VXStatus st = daemon_restore_slot_tables(index);
+  if (st != VX_OK)
+    printf("Daemon: slot %d table restore failed: %s (0x%X)\n", index, vxcli_status_to_string(st), st);
 }
 
 }  // namespace
@@ -1090,6 +1083,7 @@ const char* answer_words(const Words& w, Out* out) {
   if (daemon_is(a, "daemon") && daemon_is(b, "status")) return answer_daemon_status(w, out);
   if (daemon_is(a, "daemon") && daemon_is(b, "stop")) {
     printf("Daemon: stop requested\n");
+    vxcli_daemon_logging_shutdown();  // finish the log file before its channels go away
     daemon_close_all_slots();
     g_running = false;
     return w.json ? "{\"status\":\"ok\",\"state\":\"stopping\"}\n" : "OK: stopped\n";
