@@ -104,8 +104,6 @@ void kill_pid(unsigned pid, const char* reason) {
   wait_pid_exit(pid, 2000);
 }
 
-bool json_mode() { return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL; }
-
 // Seconds of a positive "--duration=N" in the request, else 0.
 long request_duration(const char* request, size_t length) {
   const char* key = "--duration=";
@@ -327,7 +325,7 @@ int start_impl(const char* const values[10], bool quiet) {
       char answer[65536];
       if (vxcli_daemon_send_command("daemon status", 13, answer, sizeof answer) == 0) {
         if (!quiet) {
-          if (json_mode())
+          if (vxcli_json_mode())
             printf("{\"status\":\"ok\",\"state\":\"already_running\",\"pid\":%u,\"port\":%d}\n", pid, port);
           else
             printf("OK: daemon already running (pid %u, port %d)\n", pid, port);
@@ -406,7 +404,7 @@ int start_impl(const char* const values[10], bool quiet) {
   sem_unlink(sem_name);
   if (waited == 0) {
     if (!quiet) {
-      if (json_mode())
+      if (vxcli_json_mode())
         printf("{\"status\":\"ok\",\"state\":\"started\",\"pid\":%d,\"port\":%d}\n", child, port);
       else
         printf("OK: daemon started (pid %d, port %d)\n", child, port);
@@ -433,14 +431,14 @@ int stop_impl(bool quiet) {
   const bool was_alive = had_pid_file && pid_alive(pid);
   char answer[512];
   int rc = vxcli_daemon_send_command("daemon stop", 11, answer, sizeof answer);
-  if (!quiet && !json_mode()) {
+  if (!quiet && !vxcli_json_mode()) {
     if (rc != 0) printf("daemon stop not delivered via TCP (rc=%d: %s)\n", rc, vxcli_daemon_last_ipc_error());
     else printf("OK: %s\n", "daemon stop sent");
   }
   if (!had_pid_file) {
     if (quiet) return 0;
     remove_pid_file();
-    if (json_mode())
+    if (vxcli_json_mode())
       printf("{\"status\":\"ok\",\"state\":\"stopped\",\"pid\":%u,\"forced\":%s,\"was_running\":%s}\n", pid, "false",
              "false");
     return 0;
@@ -448,7 +446,7 @@ int stop_impl(bool quiet) {
   bool forced = false;
   if (was_alive) {
     if (wait_pid_exit(pid, 5000) == 0) {
-      if (!quiet && !json_mode()) printf("OK: daemon pid %u exited\n", pid);
+      if (!quiet && !vxcli_json_mode()) printf("OK: daemon pid %u exited\n", pid);
     } else {
       if (!quiet) vxcli_print_warning("daemon pid %u did not exit in 5s grace; terminating", pid);
       kill_pid(pid, "stop-timeout");
@@ -456,7 +454,7 @@ int stop_impl(bool quiet) {
     }
   }
   // A pid that was already gone still reports was_running true, as it always has.
-  if (!quiet && json_mode())
+  if (!quiet && vxcli_json_mode())
     printf("{\"status\":\"ok\",\"state\":\"stopped\",\"pid\":%u,\"forced\":%s,\"was_running\":%s}\n", pid,
            forced ? "true" : "false", "true");
   remove_pid_file();

@@ -32,10 +32,6 @@ void on_sigint(int) {
   if (g_signal_link) vxcli_isotp_link_cancel(g_signal_link);
 }
 
-bool json_mode() {
-  return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
-}
-
 // Channel and link for one command; closed in reverse order on return.
 struct Session {
   VXHandle channel = nullptr;
@@ -287,7 +283,7 @@ int vxcli_isotp_ecu_sim_command(int count, char** words) {
   char max_text[24];
   if (max > 0) snprintf(max_text, sizeof max_text, "%lld", static_cast<long long>(max));
   else snprintf(max_text, sizeof max_text, "unlimited");
-  const bool text_mode = !json_mode();
+  const bool text_mode = !vxcli_json_mode();
   if (text_mode)
     printf("ECU-SIM: listening on ch%s reqid=0x%X respid=0x%X (%d rules, max=%s)\n", e.channel, e.reqid,
            e.respid, static_cast<int>(rules.size()), max_text);
@@ -337,7 +333,7 @@ int vxcli_isotp_ecu_sim_command(int count, char** words) {
       if (!sent.empty()) sent += " / ";
       sent += vxcli_uds_hex(r.data(), r.size());
     }
-    if (json_mode()) {
+    if (vxcli_json_mode()) {
       printf("{\"status\":\"ok\",\"event\":\"exchange\",\"index\":%d,\"request\":\"%s\",\"responses\":%zu,"
              "\"matched\":%s}\n",
              exchanges, vxcli_diag_hex_compact(request.data(), length).c_str(), responses.size(),

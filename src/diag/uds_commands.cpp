@@ -14,10 +14,6 @@
 
 namespace {
 
-bool json_mode() {
-  return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
-}
-
 std::string bytes_text(const uint8_t* bytes, size_t length) {
   std::string s;
   char b[4];
@@ -276,7 +272,7 @@ int vxcli_uds_request_command(int count, char** words) {
   vxcli_uds_request_exchange(&guard.t, plan, &outcome);
   // JSON carries the failure in its own document.
   fputs(vxcli_uds_request_render(plan, &outcome, g_config.format).c_str(), stdout);
-  const bool json = json_mode();
+  const bool json = vxcli_json_mode();
   if (outcome.rc != 0 && !(json && !outcome.send_failed))
     vxcli_print_error("%s", vxcli_uds_request_error(plan, outcome).c_str());
   return outcome.rc;
@@ -448,7 +444,7 @@ int vxcli_uds_download_command(int count, char** words) {
   TransportGuard guard;
   if (open_session_transport(count, words, "standalone-uds-download", &session, &guard) != 0) return 1;
   const vxcli_uds_transport* t = &guard.t;
-  const bool json = json_mode();
+  const bool json = vxcli_json_mode();
   uint32_t done = 0, blocks = 0;
   std::vector<uint8_t> block;
   for (size_t si = 0; si < segments.size(); si++) {
@@ -563,7 +559,7 @@ int vxcli_uds_present_send_command(int count, char** words) {
               status ? transport_error(t) : "unexpected response");
     }
   }
-  if (json_mode()) {
+  if (vxcli_json_mode()) {
     printf("{\"status\":\"%s\",\"sent\":%d,\"confirmed\":%d,\"failed\":%d,\"suppress_positive_response\":%s}\n",
            failed ? "error" : "ok", static_cast<int>(repeat), answered, failed, suppress ? "true" : "false");
   } else if (failed) {
@@ -641,7 +637,7 @@ int vxcli_uds_discover_command(int count, char** words) {
       fflush(stdout);
     }
   }
-  if (g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL) {
+  if (vxcli_json_mode()) {
     if (g_config.format == VXCLI_FORMAT_JSON) {
       printf("{\"status\":\"ok\",\"scanned\":%lld,\"responders\":[", static_cast<long long>(last - first + 1));
       for (size_t i = 0; i < found.size(); i++)

@@ -13,10 +13,6 @@ namespace {
 const char* const kActions[] = {"active", "count", "supported", "snapshot-id",
                                 "snapshot", "extended", "clear", "hex"};
 
-bool json_mode() {
-  return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
-}
-
 struct DtcOptions {
   const char* action = nullptr;
   int64_t mask = 0xFF;
@@ -52,7 +48,7 @@ int read_options(int count, char** words, DtcOptions* o) {
 
 void print_dtc_list(const char* action, const std::vector<vxcli_uds_dtc_record>& list, uint8_t availability,
                     bool hex_only) {
-  if (json_mode()) {
+  if (vxcli_json_mode()) {
     printf("{\"status\":\"ok\",\"action\":\"%s\",\"availability_mask\":\"0x%02X\",\"count\":%zu,\"dtcs\":[",
            action, availability, list.size());
     for (size_t i = 0; i < list.size(); i++)
@@ -85,7 +81,7 @@ void print_record_answer(const char* action, uint32_t dtc, const uint8_t* r, uin
   const uint8_t* data = n > 6 ? r + 6 : r;
   uint32_t data_length = n > 6 ? n - 6 : 0;
   std::string hex = vxcli_diag_hex_compact(data, data_length);
-  if (json_mode()) {
+  if (vxcli_json_mode()) {
     printf("{\"status\":\"ok\",\"action\":\"%s\",\"dtc\":\"0x%06X\",\"code\":\"%s\",\"dtc_status\":\"0x%02X\","
            "\"status_desc\":\"%s\",\"records\":\"%s\"}\n",
            action, dtc, vxcli_uds_dtc_name(dtc).c_str(), status, vxcli_uds_dtc_status_desc(status).c_str(),
@@ -166,7 +162,7 @@ int vxcli_uds_dtc_command(int count, char** words) {
     return 1;
   }
   if (action == "clear") {
-    if (json_mode()) printf("{\"status\":\"ok\",\"action\":\"clear\",\"group\":\"0x%06X\"}\n",
+    if (vxcli_json_mode()) printf("{\"status\":\"ok\",\"action\":\"clear\",\"group\":\"0x%06X\"}\n",
                             static_cast<uint32_t>(o.group));
     else printf("DTCs cleared (group 0x%06X)\n", static_cast<uint32_t>(o.group));
     return 0;
@@ -177,7 +173,7 @@ int vxcli_uds_dtc_command(int count, char** words) {
       return 1;
     }
     unsigned number = static_cast<unsigned>(r[4] << 8 | r[5]);
-    if (json_mode())
+    if (vxcli_json_mode())
       printf("{\"status\":\"ok\",\"action\":\"count\",\"mask\":\"0x%02X\",\"availability_mask\":\"0x%02X\","
              "\"format\":%u,\"count\":%u}\n",
              static_cast<unsigned>(o.mask), r[2], r[3], number);
@@ -194,13 +190,13 @@ int vxcli_uds_dtc_command(int count, char** words) {
       return 1;
     }
     size_t records = (n - 2) / 4;
-    if (json_mode()) printf("{\"status\":\"ok\",\"action\":\"snapshot-id\",\"count\":%zu,\"snapshots\":[", records);
+    if (vxcli_json_mode()) printf("{\"status\":\"ok\",\"action\":\"snapshot-id\",\"count\":%zu,\"snapshots\":[", records);
     else if (g_config.format == VXCLI_FORMAT_CSV) printf("dtc,code,record\n");
     else printf("%zu snapshot record(s)\n", records);
     for (size_t i = 0; i < records; i++) {
       const uint8_t* p = r + 2 + 4 * i;
       uint32_t dtc = static_cast<uint32_t>(p[0] << 16 | p[1] << 8 | p[2]);
-      if (json_mode())
+      if (vxcli_json_mode())
         printf("%s{\"dtc\":\"0x%06X\",\"code\":\"%s\",\"record\":%u}", i ? "," : "", dtc,
                vxcli_uds_dtc_name(dtc).c_str(), p[3]);
       else if (g_config.format == VXCLI_FORMAT_CSV)
@@ -208,7 +204,7 @@ int vxcli_uds_dtc_command(int count, char** words) {
       else
         printf("  0x%06X %s record %u\n", dtc, vxcli_uds_dtc_name(dtc).c_str(), p[3]);
     }
-    if (json_mode()) printf("]}\n");
+    if (vxcli_json_mode()) printf("]}\n");
     return 0;
   }
   if (action == "snapshot" || action == "extended") {

@@ -23,10 +23,6 @@ const char* file_argument(int count, char** words, const char* verb) {
   return nullptr;
 }
 
-bool json_mode() {
-  return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
-}
-
 }  // namespace
 
 int vxcli_uds_load_command(int count, char** words) {
@@ -51,7 +47,7 @@ int vxcli_uds_load_command(int count, char** words) {
     vxcli_print_error("%s", message);
     return 1;
   }
-  if (json_mode())
+  if (vxcli_json_mode())
     printf("{\"status\":\"ok\",\"services\":%zu,\"source\":\"%s\",\"stored\":\"%s\"}\n", services.size(),
            vxcli_diag_json_escape(file).c_str(), vxcli_diag_json_escape(path).c_str());
   else
@@ -70,7 +66,7 @@ int vxcli_uds_save_command(int count, char** words) {
     vxcli_print_error("%s", message);
     return 1;
   }
-  if (json_mode())
+  if (vxcli_json_mode())
     printf("{\"status\":\"ok\",\"services\":%zu,\"file\":\"%s\"}\n", services.size(),
            vxcli_diag_json_escape(file).c_str());
   else
@@ -94,7 +90,7 @@ int vxcli_uds_list_command(int count, char** words) {
         kept.push_back(s);
     services.swap(kept);
   }
-  if (json_mode()) {
+  if (vxcli_json_mode()) {
     printf("{\"status\":\"ok\",\"source\":\"%s\",\"count\":%zu,\"services\":[",
            vxcli_diag_json_escape(source.c_str()).c_str(), services.size());
     for (size_t i = 0; i < services.size(); i++) {

@@ -88,7 +88,7 @@ uint64_t now_ns() {
 }
 
 void print_summary(int frames, const char* input, const char* output) {
-  if (g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL) {
+  if (vxcli_json_mode()) {
     vxcli_json_writer w;
     if (vxcli_json_writer_init(&w, 256, 1 << 20) == 0) {
       vxcli_json_writer_printf(&w, "{\"status\":\"ok\",\"frames\":%d,\"input\":", frames);

@@ -33,10 +33,6 @@ uint64_t clock_ns(clockid_t clock) {
   return (uint64_t)ts.tv_sec * 1000000000ULL + (uint64_t)ts.tv_nsec;
 }
 
-bool json_output() {
-  return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
-}
-
 // On-device recording: the device library offers no offline recording call,
 // so only generation-2.5 devices get as far as opening the channel.
 int hardware_logging(const char* channel_text, const char* bitrate_text, bool stop) {
@@ -191,7 +187,7 @@ int vxcli_logging_start_command(int count, char** words) {
     vxcli_print_error("%s", message);
     return 1;
   }
-  if (!json_output())
+  if (!vxcli_json_mode())
     printf("Software logging started: %d channel(s) -> %s (%s)\n", opened, output,
            blf ? "BLF" : "ASC");
   fflush(stdout);
@@ -244,7 +240,7 @@ int vxcli_logging_start_command(int count, char** words) {
                       captured);
     return 1;
   }
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     char escaped[1024 * 6];
     vxcli_json_escape_to(output, escaped, sizeof escaped);
     printf("{\"status\":\"ok\",\"messages\":%u,\"channels\":%d,\"format\":\"%s\",\"output\":\"%s\"}\n",
@@ -271,7 +267,7 @@ int vxcli_logging_stop_command(int count, char** words) {
 namespace {
 
 int idle_status(const char* what) {
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     printf("{\"status\":\"ok\",\"active\":false,\"mode\":\"standalone\"}\n");
   } else {
     printf("=== %s status ===\n", what);

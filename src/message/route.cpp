@@ -65,8 +65,6 @@ int vxcli_route_remove_matching(VXRoute* table, int count, bool has_target, int 
 
 namespace {
 
-bool json_format() { return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL; }
-
 // Enumeration of the attached devices, once per command.
 struct Devices {
   VXChannelInfo infos[32];
@@ -215,7 +213,7 @@ int vxcli_route_add(int count, char** words) {
     vxcli_print_error("VX_SetMsgRoutes failed: %s", vxcli_status_to_string(status));
     return 1;
   }
-  if (json_format()) {
+  if (vxcli_json_mode()) {
     printf("{\"status\":\"ok\",\"routeid\":%d,\"src_port\":%d,\"target\":%d,\"id\":\"0x%X\"}\n", index,
            route.src_port, route.target, route.id_value);
   } else {
@@ -285,7 +283,7 @@ int vxcli_route_remove(int count, char** words) {
     vxcli_print_error("VX_SetMsgRoutes failed: %s", vxcli_status_to_string(set));
     return 1;
   }
-  if (json_format()) printf("{\"status\":\"ok\",\"message\":\"route removed\"}\n");
+  if (vxcli_json_mode()) printf("{\"status\":\"ok\",\"message\":\"route removed\"}\n");
   else printf("Removed %d route(s) from channel %s\n", cleared, src);
   return 0;
 }
@@ -312,7 +310,7 @@ int vxcli_route_list(int count, char** words) {
     vxcli_print_error("VX_GetMsgRoutes failed: %s", vxcli_status_to_string(static_cast<uint32_t>(status)));
     return 1;
   }
-  bool json = json_format(), csv = g_config.format == VXCLI_FORMAT_CSV;
+  bool json = vxcli_json_mode(), csv = g_config.format == VXCLI_FORMAT_CSV;
   int shown = 0;
   if (json) printf("{\"status\":\"ok\",\"channel\":%d,\"routes\":[", index);
   if (csv) printf("routeid,type,source,dest,idmask,idvalue,flagsmask,flagsvalue\n");

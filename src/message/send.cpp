@@ -239,7 +239,7 @@ int send_can(const SendOptions& o, long id, const VXChannelInfo& info, long coun
   }
   VX_Close(handle);
 
-  if (g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL) {
+  if (vxcli_json_mode()) {
     printf("{\"status\":\"%s\",\"sent\":%d,\"errors\":%d,\"channel\":%d,\"id\":\"0x%X\"}\n",
            errors ? "error" : "ok", sent, errors, info.port, frame.id);
   } else if (errors == 0) {

@@ -358,7 +358,7 @@ int vxcli_txtask_add(int count, char** words) {
   }
   VX_Activate(ch.handle);
   uint32_t shown_id = vxcli_txtask_shown_id(task);
-  if (g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL)
+  if (vxcli_json_mode())
     printf("{\"status\":\"ok\",\"taskid\":%d,\"channel\":%d,\"type\":%d,\"cycle\":%d,\"id\":\"0x%X\"}\n", slot,
            ch.index, task.type, static_cast<int>(task.cycle), shown_id);
   else
@@ -401,7 +401,7 @@ int vxcli_txtask_remove(int count, char** words) {
     vxcli_print_error("VX_SetTxTasks failed: %s", vxcli_status_to_string(status));
     return 1;
   }
-  if (g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL)
+  if (vxcli_json_mode())
     printf("{\"status\":\"ok\",\"message\":\"task removed\"}\n");
   else
     printf("TX task %ld removed from channel %d\n", taskid, ch.index);
@@ -423,7 +423,7 @@ int vxcli_txtask_list(int count, char** words) {
     vxcli_print_error("VX_GetTxTasks failed: %s", vxcli_status_to_string(status));
     return 1;
   }
-  bool json = g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
+  bool json = vxcli_json_mode();
   bool csv = g_config.format == VXCLI_FORMAT_CSV;
   int shown = 0;
   if (json) printf("{\"status\":\"ok\",\"channel\":%d,\"tasks\":[", ch.index);
