@@ -2739,10 +2739,10 @@ const Row kRows[] = {
     {"convert", nullptr, nullptr,
      "vxcli convert <input> <output>",
      "Convert supported automotive log formats.",
-     "input, output: .asc or .blf traces; each side's format follows its extension.",
+     "input, output: log files.",
      {},
      "vxcli convert trace.asc trace.blf",
-     "Converts ASC to BLF and BLF to ASC; the input is never modified.",
+     "Not available in this build: always fails with exit status 1 and writes no file.",
      OP},
 
     {"daemon", "start", nullptr,
