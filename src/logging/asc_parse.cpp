@@ -143,8 +143,9 @@ int parse_lin(const char* line, vxcli_log_frame* r) {
   size_t dir_len = (size_t)(p - dir);
   bool tx;
   if (dir_len == 2 && strncmp(dir, "Rx", 2) == 0) tx = false;
-  else if (dir_len == 2 && strncmp(dir, "Tx", 2) == 0) tx = true;
-  else if (dir_len == 4 && strncmp(dir, "TxRq", 4) == 0) tx = true;
+  else if ((dir_len == 2 && strncmp(dir, "Tx", 2) == 0) ||
+           (dir_len == 4 && strncmp(dir, "TxRq", 4) == 0))
+    tx = true;
   else return 0;
   long dlc;
   if (!parse_int(p, &dlc) || dlc < 0 || dlc > 8) return 0;
