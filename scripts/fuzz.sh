@@ -30,7 +30,8 @@ seeds_for() {
 max_len_for() {
   case $1 in
     blf) echo 32768 ;;
-    dbc | ldf | json) echo 16384 ;;
+    json) echo 16384 ;;
+    dbc | ldf) echo 8192 ;;
     *) echo 4096 ;;
   esac
 }
