@@ -51,6 +51,29 @@ void put_key(std::string& out, const char* key) {
   out += ':';
 }
 
+// Writes one JSON object's members, placing the commas between them.
+struct Members {
+  std::string& out;
+  bool first = true;
+  void key(const char* name) {
+    if (!first) out += ',';
+    first = false;
+    put_key(out, name);
+  }
+  void text(const char* name, const char* value) {
+    key(name);
+    put_string(out, value);
+  }
+  void nullable(const char* name, const char* value) {
+    key(name);
+    put_string_or_null(out, value);
+  }
+  void literal(const char* name, const char* value) {
+    key(name);
+    out += value;
+  }
+};
+
 void put_metadata(std::string& out, const vxcli_command_entry* entry) {
   vxcli_command_policy policy;
   if (entry->kind != VXCLI_COMMAND_OPERATION || vxcli_command_metadata(entry, &policy) != 0) {
@@ -58,26 +81,14 @@ void put_metadata(std::string& out, const vxcli_command_entry* entry) {
     return;
   }
   out += '{';
-  put_key(out, "operation_id");
-  put_string(out, policy.operation_id);
-  out += ',';
-  put_key(out, "permission");
-  put_string(out, vxcli_command_permission_name(policy.permission));
-  out += ',';
-  put_key(out, "execution");
-  put_string(out, vxcli_command_execution_name(policy.execution));
-  out += ',';
-  put_key(out, "http_policy");
-  put_string(out, vxcli_command_http_policy_name(policy.http_policy));
-  out += ',';
-  put_key(out, "migrated");
-  out += policy.migrated ? "true" : "false";
-  out += ',';
-  put_key(out, "retryable");
-  out += policy.retryable ? "true" : "false";
-  out += ',';
-  put_key(out, "exposure_reason");
-  put_string(out, policy.exposure_reason);
+  Members m{out};
+  m.text("operation_id", policy.operation_id);
+  m.text("permission", vxcli_command_permission_name(policy.permission));
+  m.text("execution", vxcli_command_execution_name(policy.execution));
+  m.text("http_policy", vxcli_command_http_policy_name(policy.http_policy));
+  m.literal("migrated", policy.migrated ? "true" : "false");
+  m.literal("retryable", policy.retryable ? "true" : "false");
+  m.text("exposure_reason", policy.exposure_reason);
   out += '}';
 }
 
@@ -85,34 +96,18 @@ void put_option(std::string& out, const vxcli_command_option* option) {
   char name[128];
   if (vxcli_command_option_name(option, name, sizeof name) != 0) snprintf(name, sizeof name, "argument");
   out += '{';
-  put_key(out, "syntax");
-  put_string(out, option->syntax);
-  out += ',';
-  put_key(out, "name");
-  put_string(out, name);
-  out += ',';
-  put_key(out, "value_type");
-  put_string(out, vxcli_command_option_value_type(option));
-  out += ',';
-  put_key(out, "required");
-  put_string(out, option->required);
-  out += ',';
-  put_key(out, "default");
-  put_string_or_null(out, option->default_value);
-  out += ',';
-  put_key(out, "unit");
-  put_string_or_null(out, option->unit);
-  out += ',';
-  put_key(out, "constraints");
-  put_string_or_null(out, option->constraints);
-  out += ',';
-  put_key(out, "mutually_exclusive_with");
-  out += '[';
+  Members m{out};
+  m.text("syntax", option->syntax);
+  m.text("name", name);
+  m.text("value_type", vxcli_command_option_value_type(option));
+  m.text("required", option->required);
+  m.nullable("default", option->default_value);
+  m.nullable("unit", option->unit);
+  m.nullable("constraints", option->constraints);
+  m.literal("mutually_exclusive_with", "[");
   if (option->mutually_exclusive_with) put_string(out, option->mutually_exclusive_with);
   out += ']';
-  out += ',';
-  put_key(out, "description");
-  put_string(out, option->description);
+  m.text("description", option->description);
   out += '}';
 }
 
@@ -143,24 +138,13 @@ const char* callable(const vxcli_command_entry* entry) {
 // Path, kind, callable and metadata, shared by the root and category lists.
 void put_command_summary(std::string& out, const vxcli_command_entry* entry, bool with_usage) {
   out += '{';
-  put_key(out, "path");
-  put_string(out, path_of(entry).c_str());
-  out += ',';
-  if (with_usage) {
-    put_key(out, "usage");
-    put_string(out, entry->usage);
-    out += ',';
-  }
-  put_key(out, "summary");
-  put_string(out, entry->summary);
-  out += ',';
-  put_key(out, "kind");
-  put_string(out, kind_name(entry));
-  out += ',';
-  put_key(out, "callable");
-  out += callable(entry);
-  out += ',';
-  put_key(out, "metadata");
+  Members m{out};
+  m.text("path", path_of(entry).c_str());
+  if (with_usage) m.text("usage", entry->usage);
+  m.text("summary", entry->summary);
+  m.text("kind", kind_name(entry));
+  m.literal("callable", callable(entry));
+  m.key("metadata");
   put_metadata(out, entry);
   out += '}';
 }
@@ -179,14 +163,10 @@ void root_json(std::string& out) {
     const vxcli_command_category* category = vxcli_command_category_at(i);
     if (i) out += ',';
     out += '{';
-    put_key(out, "name");
-    put_string(out, category->name);
-    out += ',';
-    put_key(out, "summary");
-    put_string(out, category->summary);
-    out += ',';
-    put_key(out, "aliases");
-    put_string_or_null(out, category->aliases);
+    Members m{out};
+    m.text("name", category->name);
+    m.text("summary", category->summary);
+    m.nullable("aliases", category->aliases);
     out += '}';
   }
   out += "],\"commands\":[";

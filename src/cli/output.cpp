@@ -222,3 +222,26 @@ void print_version() {
            VXCLI_GIT_COMMIT, VXCLI_VXAPI_HEADER_VERSION);
   }
 }
+
+bool vxcli_json_mode() {
+  return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
+}
+
+bool vxcli_json_document_start(vxcli_json_writer* w) {
+  *w = vxcli_json_writer{};
+  if (vxcli_json_writer_init(w, 4096, 64u << 20) == 0) return true;
+  vxcli_print_error("out of memory");
+  return false;
+}
+
+int vxcli_json_document_print(vxcli_json_writer* w) {
+  int rc = 0;
+  if (vxcli_json_writer_ok(w)) {
+    fwrite(vxcli_json_writer_data(w), 1, vxcli_json_writer_length(w), stdout);
+  } else {
+    vxcli_print_error_code("response_too_large", "response exceeded the output limit");
+    rc = 1;
+  }
+  vxcli_json_writer_free(w);
+  return rc;
+}

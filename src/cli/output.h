@@ -49,6 +49,14 @@ char* vxcli_error_json_alloc(const char* code, const char* message);
 
 void print_version();
 
+struct vxcli_json_writer;
+// True when the output format is json or jsonl.
+bool vxcli_json_mode();
+// Starts a bounded (64 MiB) JSON answer; false, with the error printed, when out of memory.
+bool vxcli_json_document_start(vxcli_json_writer* w);
+// Prints a finished JSON answer, or the size error in its place, and frees the writer; 0 or 1.
+int vxcli_json_document_print(vxcli_json_writer* w);
+
 // Escapes a text for a JSON string body the way warnings and identity lines do
 // (upper-case \u%04X for other control bytes). Appends to out (std::string-free API).
 size_t vxcli_json_escape_to(const char* text, char* out, size_t out_size);

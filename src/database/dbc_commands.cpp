@@ -35,6 +35,15 @@ const DbcLoadedFile* open_database(int count, char** words) {
   return file;
 }
 
+// The message a command names, in the database it selects; null once the error is printed.
+const Message* open_message(int count, char** words, const char* selector) {
+  const DbcLoadedFile* file = open_database(count, words);
+  if (!file) return nullptr;
+  const Message* message = vxcli_dbc_find_message(*file, selector);
+  if (!message) vxcli_print_error("Message not found: %s", selector);
+  return message;
+}
+
 bool is_hex(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
@@ -87,29 +96,6 @@ void json_number(vxcli_json_writer* w, double value) {
   else vxcli_json_writer_raw(w, "null");
 }
 
-bool start_json(vxcli_json_writer* w) {
-  *w = vxcli_json_writer{};
-  if (vxcli_json_writer_init(w, 4096, 64u << 20) == 0) return true;
-  vxcli_print_error("out of memory");
-  return false;
-}
-
-int print_json(vxcli_json_writer* w) {
-  int rc = 0;
-  if (vxcli_json_writer_ok(w)) {
-    fwrite(vxcli_json_writer_data(w), 1, vxcli_json_writer_length(w), stdout);
-  } else {
-    vxcli_print_error_code("response_too_large", "response exceeded the output limit");
-    rc = 1;
-  }
-  vxcli_json_writer_free(w);
-  return rc;
-}
-
-bool json_or_jsonl() {
-  return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
-}
-
 void write_signal_json(vxcli_json_writer* w, const Signal& s) {
   vxcli_json_writer_raw(w, "{\"name\":");
   vxcli_database_json_string(w, s.name);
@@ -158,13 +144,8 @@ int dbc_signal_view(int count, char** words, const char* signal_name, bool show)
   const char* selector = vxcli_get_option(count, words, "message");
   if (!selector || !*selector) return fail("--message is required");
   if (show && (!signal_name || !*signal_name)) return fail("signal name is required");
-  const DbcLoadedFile* file = open_database(count, words);
-  if (!file) return 1;
-  const Message* message = vxcli_dbc_find_message(*file, selector);
-  if (!message) {
-    vxcli_print_error("Message not found: %s", selector);
-    return 1;
-  }
+  const Message* message = open_message(count, words, selector);
+  if (!message) return 1;
   std::vector<const Signal*> shown;
   for (const Signal& s : message->signals)
     if (!show || s.name == signal_name) {
@@ -175,9 +156,9 @@ int dbc_signal_view(int count, char** words, const char* signal_name, bool show)
     vxcli_print_error("Signal not found: %s", signal_name);
     return 1;
   }
-  if (json_or_jsonl()) {
+  if (vxcli_json_mode()) {
     vxcli_json_writer w;
-    if (!start_json(&w)) return 1;
+    if (!vxcli_json_document_start(&w)) return 1;
     vxcli_json_writer_raw(&w, "{\"status\":\"ok\",\"message\":");
     vxcli_database_json_string(&w, message->name);
     if (show) {
@@ -192,7 +173,7 @@ int dbc_signal_view(int count, char** words, const char* signal_name, bool show)
       }
       vxcli_json_writer_printf(&w, "],\"count\":%zu}\n", shown.size());
     }
-    return print_json(&w);
+    return vxcli_json_document_print(&w);
   }
   if (g_config.format == VXCLI_FORMAT_CSV) {
     fputs(kSignalCsvHeader, stdout);
@@ -210,13 +191,8 @@ int vxcli_dbc_decode_command(int count, char** words) {
   if (!selector || !*selector) return fail("--message is required");
   const char* data_text = vxcli_get_option(count, words, "data");
   if (!data_text) return fail("--data is required");
-  const DbcLoadedFile* file = open_database(count, words);
-  if (!file) return 1;
-  const Message* message = vxcli_dbc_find_message(*file, selector);
-  if (!message) {
-    vxcli_print_error("Message not found: %s", selector);
-    return 1;
-  }
+  const Message* message = open_message(count, words, selector);
+  if (!message) return 1;
   uint8_t data[64] = {};
   int parsed = parse_payload(data_text, data);
   if (parsed < 0) return fail("Invalid data");
@@ -269,13 +245,8 @@ int vxcli_dbc_encode_command(int count, char** words) {
     names.emplace_back(assignment, size_t(equals - assignment));
     values.push_back(strtod(equals + 1, nullptr));
   }
-  const DbcLoadedFile* file = open_database(count, words);
-  if (!file) return 1;
-  const Message* message = vxcli_dbc_find_message(*file, selector);
-  if (!message) {
-    vxcli_print_error("Message not found: %s", selector);
-    return 1;
-  }
+  const Message* message = open_message(count, words, selector);
+  if (!message) return 1;
   std::vector<const char*> name_pointers;
   for (const std::string& name : names) {
     name_pointers.push_back(name.c_str());
@@ -315,7 +286,7 @@ int vxcli_dbc_message_list_command(int count, char** words) {
   }
   if (g_config.format == VXCLI_FORMAT_JSON) {
     vxcli_json_writer w;
-    if (!start_json(&w)) return 1;
+    if (!vxcli_json_document_start(&w)) return 1;
     vxcli_json_writer_raw(&w, "{\"status\":\"ok\",\"messages\":[");
     for (size_t i = 0; i < shown.size(); i++) {
       const Message& m = *shown[i];
@@ -329,7 +300,7 @@ int vxcli_dbc_message_list_command(int count, char** words) {
                                true_false(vxcli_dbc_is_brs(m)));
     }
     vxcli_json_writer_printf(&w, "],\"count\":%zu}\n", shown.size());
-    return print_json(&w);
+    return vxcli_json_document_print(&w);
   }
   if (g_config.format == VXCLI_FORMAT_CSV) {
     printf("id,name,dlc,signals,extended,fd,brs\n");
@@ -355,16 +326,11 @@ int vxcli_dbc_message_show_command(int count, char** words) {
   const char* selector = vxcli_database_positional(count, words, 0);
   if (!selector) selector = vxcli_get_option(count, words, "message");
   if (!selector || !*selector) return fail("message name or ID is required");
-  const DbcLoadedFile* file = open_database(count, words);
-  if (!file) return 1;
-  const Message* m = vxcli_dbc_find_message(*file, selector);
-  if (!m) {
-    vxcli_print_error("Message not found: %s", selector);
-    return 1;
-  }
-  if (json_or_jsonl()) {
+  const Message* m = open_message(count, words, selector);
+  if (!m) return 1;
+  if (vxcli_json_mode()) {
     vxcli_json_writer w;
-    if (!start_json(&w)) return 1;
+    if (!vxcli_json_document_start(&w)) return 1;
     vxcli_json_writer_printf(&w, "{\"status\":\"ok\",\"message\":{\"id\":\"0x%X\",\"name\":",
                              m->id & 0x7FFFFFFFu);
     vxcli_database_json_string(&w, m->name);
@@ -375,7 +341,7 @@ int vxcli_dbc_message_show_command(int count, char** words) {
                              "\"brs\":%s}}\n",
                              m->cycleTime, m->signals.size(), true_false(m->extended),
                              true_false(vxcli_dbc_is_fd(*m)), true_false(vxcli_dbc_is_brs(*m)));
-    return print_json(&w);
+    return vxcli_json_document_print(&w);
   }
   printf("%s ID=0x%X DLC=%llu sender=%s cycle=%ums signals=%zu %s\n", m->name.c_str(),
          m->id & 0x7FFFFFFFu, static_cast<unsigned long long>(m->size), m->from.c_str(),

@@ -16,9 +16,6 @@ namespace {
 constexpr size_t kJsonLimit = 64u << 20;
 constexpr size_t kDaemonReplySize = 4096;
 
-bool json_output() {
-  return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
-}
 bool csv_output() { return g_config.format == VXCLI_FORMAT_CSV; }
 
 // Options of the ldf commands whose value may stand in the next word.
@@ -251,7 +248,7 @@ int vxcli_ldf_info_command(int count, char** words) {
   Selected s;
   if (!load_selected(count, words, s)) return 1;
   const LdfModel& m = s.model;
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"database\":");
     j.str(s.database);
@@ -280,7 +277,7 @@ int vxcli_ldf_node_list_command(int count, char** words) {
   Selected s;
   if (!load_selected(count, words, s)) return 1;
   const LdfModel& m = s.model;
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"nodes\":[");
     for (size_t i = 0; i < m.nodes.size(); i++) {
@@ -316,7 +313,7 @@ int vxcli_ldf_node_show_command(int count, char** words) {
     vxcli_print_error("LDF node not found: %s", name);
     return 1;
   }
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"node\":");
     json_node(j, *node);
@@ -340,7 +337,7 @@ int vxcli_ldf_frame_list_command(int count, char** words) {
   std::vector<const LdfFrame*> frames;
   for (const LdfFrame& frame : m.frames)
     if (!type || frame.type == type) frames.push_back(&frame);
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"frames\":[");
     for (size_t i = 0; i < frames.size(); i++) {
@@ -379,7 +376,7 @@ int vxcli_ldf_frame_show_command(int count, char** words) {
     vxcli_print_error("LDF frame not found: %s", name);
     return 1;
   }
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"frame\":");
     json_frame(j, s.model, *frame);
@@ -396,7 +393,7 @@ int vxcli_ldf_signal_list_command(int count, char** words) {
   Selected s;
   if (!load_selected(count, words, s)) return 1;
   const LdfModel& m = s.model;
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"signals\":[");
     for (size_t i = 0; i < m.signals.size(); i++) {
@@ -433,7 +430,7 @@ int vxcli_ldf_signal_show_command(int count, char** words) {
     vxcli_print_error("LDF signal not found: %s", name);
     return 1;
   }
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"signal\":");
     json_signal(j, *signal);
@@ -450,7 +447,7 @@ int vxcli_ldf_schedule_list_command(int count, char** words) {
   Selected s;
   if (!load_selected(count, words, s)) return 1;
   const LdfModel& m = s.model;
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"schedules\":[");
     for (size_t i = 0; i < m.schedules.size(); i++) {
@@ -484,7 +481,7 @@ int vxcli_ldf_schedule_show_command(int count, char** words) {
     vxcli_print_error("LDF schedule not found: %s", name);
     return 1;
   }
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"schedule\":");
     json_schedule(j, s.model, *schedule);
@@ -514,7 +511,7 @@ int vxcli_ldf_schedule_activate_command(int count, char** words) {
     vxcli_print_error("%s", error.c_str());
     return 1;
   }
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"database\":");
     j.str(s.database);
@@ -537,7 +534,7 @@ int vxcli_ldf_schedule_deactivate_command(int count, char** words) {
     vxcli_print_error("%s", error.c_str());
     return 1;
   }
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     JsonOut j;
     j.raw("{\"status\":\"ok\",\"runtime_schedule\":\"system\",\"channel\":");
     j.str(channel);

@@ -17,10 +17,6 @@ namespace {
 constexpr size_t kErrorSize = 256;
 const char* const kTypeHint = "<dbc|ldf|a2l|modbus-edgex>";
 
-bool json_output() {
-  return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
-}
-
 std::string lowercase(const char* text) {
   std::string out = text ? text : "";
   for (char& c : out) c = char(tolower(static_cast<unsigned char>(c)));
@@ -61,26 +57,6 @@ void write_resource(vxcli_json_writer* w, const DatabaseResource& r, bool summar
                              members);
   }
   vxcli_json_writer_raw(w, "}");
-}
-
-// Prints a finished JSON document, or the size failure in its place.
-int print_json(vxcli_json_writer* w) {
-  int rc = 0;
-  if (vxcli_json_writer_ok(w)) {
-    fwrite(vxcli_json_writer_data(w), 1, vxcli_json_writer_length(w), stdout);
-  } else {
-    vxcli_print_error_code("response_too_large", "response exceeded the output limit");
-    rc = 1;
-  }
-  vxcli_json_writer_free(w);
-  return rc;
-}
-
-bool start_json(vxcli_json_writer* w) {
-  *w = vxcli_json_writer{};
-  if (vxcli_json_writer_init(w, 1024, 64u << 20) == 0) return true;
-  vxcli_print_error("out of memory");
-  return false;
 }
 
 int fail(const char* message) {
@@ -124,14 +100,14 @@ int load_command(const char* required_type, int count, char** words) {
   char error[kErrorSize];
   if (vxcli_database_load_resource(canonical, name, type, result, error, sizeof error) != 0)
     return fail(error);
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     vxcli_json_writer w;
-    if (!start_json(&w)) return 1;
+    if (!vxcli_json_document_start(&w)) return 1;
     vxcli_json_writer_printf(&w, "{\"status\":\"ok\",\"created\":%s,\"resource\":",
                              result.created ? "true" : "false");
     write_resource(&w, result.resource, true, result.items, result.members);
     vxcli_json_writer_raw(&w, "}\n");
-    return print_json(&w);
+    return vxcli_json_document_print(&w);
   }
   printf("%s database %s: %s (%d items, %d members)\n", result.created ? "Loaded" : "Refreshed",
          result.resource.name.c_str(), result.resource.path.c_str(), result.items,
@@ -246,7 +222,7 @@ int vxcli_database_unload_command(int count, char** words) {
     message = "database resource unloaded";
   }
   if (vxcli_database_registry_write(resources, error, sizeof error) != 0) return fail(error);
-  if (json_output()) printf("{\"status\":\"ok\",\"message\":\"%s\"}\n", message);
+  if (vxcli_json_mode()) printf("{\"status\":\"ok\",\"message\":\"%s\"}\n", message);
   else printf("OK: %s\n", message);
   return 0;
 }
@@ -265,16 +241,16 @@ int vxcli_database_list_command(int count, char** words) {
   for (const DatabaseResource& r : resources)
     if (filter.empty() || r.type == filter) shown.push_back(&r);
 
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     vxcli_json_writer w;
-    if (!start_json(&w)) return 1;
+    if (!vxcli_json_document_start(&w)) return 1;
     vxcli_json_writer_raw(&w, "{\"status\":\"ok\",\"resources\":[");
     for (size_t i = 0; i < shown.size(); i++) {
       if (i) vxcli_json_writer_char(&w, ',');
       write_resource(&w, *shown[i], false, 0, 0);
     }
     vxcli_json_writer_printf(&w, "],\"count\":%zu}\n", shown.size());
-    return print_json(&w);
+    return vxcli_json_document_print(&w);
   }
   if (g_config.format == VXCLI_FORMAT_CSV) {
     printf("name,type,path,loaded_at\n");
@@ -293,36 +269,32 @@ int vxcli_database_list_command(int count, char** words) {
   return 0;
 }
 
-int vxcli_database_info_command(int count, char** words) {
+namespace {
+
+// Info and validate inspect the same way and differ only in how they report.
+int inspect_command(int count, char** words, bool validate) {
   Target target;
   if (inspection_target(count, words, target) != 0) return 1;
   const DatabaseResource& r = target.resource;
-  if (json_output()) {
+  if (vxcli_json_mode()) {
     vxcli_json_writer w;
-    if (!start_json(&w)) return 1;
-    vxcli_json_writer_raw(&w, "{\"status\":\"ok\",\"resource\":");
+    if (!vxcli_json_document_start(&w)) return 1;
+    vxcli_json_writer_raw(&w, validate ? "{\"status\":\"ok\",\"valid\":true,\"resource\":"
+                                       : "{\"status\":\"ok\",\"resource\":");
     write_resource(&w, r, true, target.items, target.members);
     vxcli_json_writer_raw(&w, "}\n");
-    return print_json(&w);
+    return vxcli_json_document_print(&w);
   }
-  printf("Database %s (%s)\n  Path: %s\n  Items: %d\n  Members: %d\n", r.name.c_str(),
-         r.type.c_str(), r.path.c_str(), target.items, target.members);
+  if (validate)
+    printf("Valid %s database: %s (%d items, %d members)\n", r.type.c_str(), r.path.c_str(),
+           target.items, target.members);
+  else
+    printf("Database %s (%s)\n  Path: %s\n  Items: %d\n  Members: %d\n", r.name.c_str(),
+           r.type.c_str(), r.path.c_str(), target.items, target.members);
   return 0;
 }
 
-int vxcli_database_validate_command(int count, char** words) {
-  Target target;
-  if (inspection_target(count, words, target) != 0) return 1;
-  const DatabaseResource& r = target.resource;
-  if (json_output()) {
-    vxcli_json_writer w;
-    if (!start_json(&w)) return 1;
-    vxcli_json_writer_raw(&w, "{\"status\":\"ok\",\"valid\":true,\"resource\":");
-    write_resource(&w, r, true, target.items, target.members);
-    vxcli_json_writer_raw(&w, "}\n");
-    return print_json(&w);
-  }
-  printf("Valid %s database: %s (%d items, %d members)\n", r.type.c_str(), r.path.c_str(),
-         target.items, target.members);
-  return 0;
-}
+}  // namespace
+
+int vxcli_database_info_command(int count, char** words) { return inspect_command(count, words, false); }
+int vxcli_database_validate_command(int count, char** words) { return inspect_command(count, words, true); }

@@ -642,54 +642,52 @@ VXStatus VX_RecoverBusOff(VXHandle handle) {
   return channel_call(handle, h);
 }
 
-VXStatus VX_SetTxTasks(VXHandle handle, const VXTxTask* tasks, uint32_t count) {
-  if (count > VX_TXTASK_CAPACITY || (count && !tasks)) {
+namespace {
+
+// A whole device table (TX tasks or routes) written or read in one call.
+VXStatus set_table(VXHandle handle, uint32_t code, const void* records, uint32_t count, uint32_t capacity,
+                   size_t record_size) {
+  if (count > capacity || (count && !records)) {
     VXStatus st;
     return lookup(handle, st) ? VX_ERR_INVALID_PARAM_VALUE : st;
   }
   MsgHeader h{};
-  h.code = kOpSetTasks;
+  h.code = code;
   h.arg[0] = count;
-  return channel_call(handle, h, tasks, count * sizeof(VXTxTask));
+  return channel_call(handle, h, records, count * record_size);
+}
+
+VXStatus get_table(VXHandle handle, uint32_t code, void* records, uint32_t count, uint32_t capacity,
+                   size_t record_size) {
+  if (!records || count == 0 || count > capacity) {
+    VXStatus st;
+    return lookup(handle, st) ? VX_ERR_INVALID_PARAM_VALUE : st;
+  }
+  MsgHeader h{};
+  h.code = code;
+  h.arg[0] = count;
+  std::vector<uint8_t> reply;
+  VXStatus st = channel_call(handle, h, nullptr, 0, &reply);
+  if (st == VX_OK && reply.size() == count * record_size) std::memcpy(records, reply.data(), reply.size());
+  return st;
+}
+
+}  // namespace
+
+VXStatus VX_SetTxTasks(VXHandle handle, const VXTxTask* tasks, uint32_t count) {
+  return set_table(handle, kOpSetTasks, tasks, count, VX_TXTASK_CAPACITY, sizeof(VXTxTask));
 }
 
 VXStatus VX_GetTxTasks(VXHandle handle, VXTxTask* tasks, uint32_t count) {
-  if (!tasks || count == 0 || count > VX_TXTASK_CAPACITY) {
-    VXStatus st;
-    return lookup(handle, st) ? VX_ERR_INVALID_PARAM_VALUE : st;
-  }
-  MsgHeader h{};
-  h.code = kOpGetTasks;
-  h.arg[0] = count;
-  std::vector<uint8_t> reply;
-  VXStatus st = channel_call(handle, h, nullptr, 0, &reply);
-  if (st == VX_OK && reply.size() == count * sizeof(VXTxTask)) std::memcpy(tasks, reply.data(), reply.size());
-  return st;
+  return get_table(handle, kOpGetTasks, tasks, count, VX_TXTASK_CAPACITY, sizeof(VXTxTask));
 }
 
 VXStatus VX_SetMsgRoutes(VXHandle handle, const VXRoute* routes, uint32_t count) {
-  if (count > VX_ROUTE_CAPACITY || (count && !routes)) {
-    VXStatus st;
-    return lookup(handle, st) ? VX_ERR_INVALID_PARAM_VALUE : st;
-  }
-  MsgHeader h{};
-  h.code = kOpSetRoutes;
-  h.arg[0] = count;
-  return channel_call(handle, h, routes, count * sizeof(VXRoute));
+  return set_table(handle, kOpSetRoutes, routes, count, VX_ROUTE_CAPACITY, sizeof(VXRoute));
 }
 
 VXStatus VX_GetMsgRoutes(VXHandle handle, VXRoute* routes, uint32_t count) {
-  if (!routes || count == 0 || count > VX_ROUTE_CAPACITY) {
-    VXStatus st;
-    return lookup(handle, st) ? VX_ERR_INVALID_PARAM_VALUE : st;
-  }
-  MsgHeader h{};
-  h.code = kOpGetRoutes;
-  h.arg[0] = count;
-  std::vector<uint8_t> reply;
-  VXStatus st = channel_call(handle, h, nullptr, 0, &reply);
-  if (st == VX_OK && reply.size() == count * sizeof(VXRoute)) std::memcpy(routes, reply.data(), reply.size());
-  return st;
+  return get_table(handle, kOpGetRoutes, routes, count, VX_ROUTE_CAPACITY, sizeof(VXRoute));
 }
 
 VXStatus VX_SetLinVoltage(VXHandle handle, uint32_t power) {
