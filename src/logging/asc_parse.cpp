@@ -304,8 +304,10 @@ int parse_fd(const char* line, const char* marker, vxcli_log_frame* r) {
   r->extended = extended;
   r->tx = tx;
   r->fd = fd;
-  r->brs = brs != 0;
-  r->esi = esi != 0;
+  // Bit-rate switch and error state exist only in FD frames; a classic frame
+  // keeping them would be written back as something else.
+  r->brs = fd && brs != 0;
+  r->esi = fd && esi != 0;
   r->remote = remote;
   r->dlc = dlc;
   r->length = remote ? 0 : count;
