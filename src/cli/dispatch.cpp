@@ -19,7 +19,7 @@
 
 namespace {
 
-bool is(const char* word, const char* text) { return word && strcmp(word, text) == 0; }
+bool is(const char* word, const char* text) { return word && text && strcmp(word, text) == 0; }
 
 bool one_of(const char* word, std::initializer_list<const char*> options) {
   for (const char* o : options)
