@@ -1020,8 +1020,13 @@ const Row kRows[] = {
          kIsotpBitrate,
      },
      "vxcli isotp ecu-sim --channel=10356/1 --reqid=0x7E0 --respid=0x7E8 --responses=ecu.txt",
-     "Requests without a matching rule get the negative response 7F <SID> 11. Stop with "
-     "Ctrl+C.",
+     "Rules file: one '<request> <response>' pair per line, '#' starts a comment line, at "
+     "most 64 rules, the first match answers. Request: hex bytes (separators . : - _ , "
+     "allowed), XX matches any one byte, a trailing * matches any rest, * alone matches "
+     "every request. Response: hex bytes, XX copies the request byte at that position; "
+     "several responses separated by /, each may end in (n) to be sent n times, for "
+     "example 7F3178(3)/710100; - sends nothing. Requests without a matching rule get the "
+     "negative response 7F <SID> 11. Stop with Ctrl+C or --max.",
      OP},
 
     {"uds", "discover", nullptr,

@@ -5,6 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
 
 #include "channel/channel.h"
 #include "cli/catalog.h"
@@ -12,9 +16,12 @@
 #include "cli/output.h"
 #include "daemon/client.h"
 #include "message/message.h"
+#include "message/route.h"
+#include "message/txtask.h"
 #include "database/commands.h"
 #include "database/ldf.h"
 #include "diag/commands.h"
+#include "diag/uds_client.h"
 #include "logging/commands.h"
 
 namespace {
@@ -88,6 +95,69 @@ int forward_to_daemon(int forward_count, char** forward_words) {
   return -1;
 }
 
+// Logging and replay without a daemon: in this process, in the foreground.
+int local_logging_or_replay(int count, char** words) {
+  const char* w1 = words[0];
+  const char* w2 = count > 1 ? words[1] : nullptr;
+  char** after2 = words + (count > 2 ? 2 : count);
+  int n2 = rest_count(count, 2);
+  if (is(w1, "logging")) {
+    if (!w2) {
+      vxcli_print_error("logging requires an action");
+      return 1;
+    }
+    if (is(w2, "start")) return vxcli_logging_start_command(n2, after2);
+    if (is(w2, "stop")) return vxcli_logging_stop_command(n2, after2);
+    if (is(w2, "status")) return vxcli_logging_status_command(n2, after2);
+    vxcli_print_error("unknown logging action '%s'", w2);
+    return 1;
+  }
+  if (is(w1, "replay")) {
+    if (!w2) {
+      vxcli_print_error("replay requires an action");
+      return 1;
+    }
+    if (is(w2, "start")) return vxcli_replay_file(n2, after2);
+    if (is(w2, "stop")) {
+      vxcli_print_error("replay stop requires daemon mode; standalone replay is stopped with Ctrl+C");
+      return 1;
+    }
+    if (is(w2, "status")) return vxcli_replay_status_command(n2, after2);
+    vxcli_print_error("unknown replay action '%s'", w2);
+    return 1;
+  }
+  return 1;
+}
+
+// A running daemon records and replays on its own slots. It does not share
+// this process's working directory, so file paths go to it absolute.
+int logging_or_replay(int count, char** words) {
+  std::vector<std::string> texts;
+  texts.reserve((size_t)count);
+  char cwd[4096];
+  bool have_cwd = getcwd(cwd, sizeof cwd) != nullptr;
+  for (int i = 0; i < count; i++) {
+    std::string word = words[i];
+    bool next_is_path = (word == "--output" || word == "--file") && i + 1 < count;
+    texts.push_back(word);
+    size_t eq = word.find('=');
+    std::string name = eq == std::string::npos ? word : word.substr(0, eq);
+    if (have_cwd && eq != std::string::npos && (name == "--output" || name == "--file") &&
+        eq + 1 < word.size() && word[eq + 1] != '/')
+      texts.back() = name + "=" + cwd + "/" + word.substr(eq + 1);
+    if (next_is_path) {
+      std::string value = words[++i];
+      texts.push_back(have_cwd && !value.empty() && value[0] != '/' ? std::string(cwd) + "/" + value : value);
+    }
+  }
+  std::vector<char*> forward;
+  for (auto& t : texts) forward.push_back(t.data());
+  forward.push_back(nullptr);
+  int rc = forward_to_daemon((int)texts.size(), forward.data());
+  if (rc >= 0) return rc;
+  return local_logging_or_replay(count, words);
+}
+
 int local_first(int count, char** words, bool* handled) {
   *handled = true;
   const char* w1 = words[0];
@@ -109,6 +179,7 @@ int local_first(int count, char** words, bool* handled) {
     return 1;
   }
   if (is(w1, "convert")) return vxcli_convert_command(count - 1, words + 1);
+  if (is(w1, "logging") || is(w1, "replay")) return logging_or_replay(count, words);
   if (is(w1, "checksum")) return not_available("checksum");
   if (one_of(w1, {"database", "dbc", "ldf", "a2l"})) return dispatch_database_command(w1, w2, n2, after2);
   if (is(w1, "version")) {
@@ -152,7 +223,10 @@ int local_first(int count, char** words, bool* handled) {
     }
     return not_available("channel", "autoset");
   }
-  if (is(w1, "uds") && is(w2, "discover")) return vxcli_uds_discover_command(count - 2, words + 2);
+  if (is(w1, "uds") && is(w2, "discover")) {
+    if (vxcli_daemon_is_running()) vxcli_uds_session_load_from_daemon();
+    return vxcli_uds_discover_command(count - 2, words + 2);
+  }
   if (is(w1, "doctor")) return not_available("doctor");
   if (is(w1, "web")) {
     if (!one_of(w2, {"start", "stop", "status"})) {
@@ -247,33 +321,16 @@ int standalone(int count, char** words) {
       vxcli_print_error("%s requires an action", w1);
       return 1;
     }
-    if (one_of(w2, {"add", "remove", "list"})) return not_available(w1, w2);
+    if (is(w1, "txtask")) {
+      if (is(w2, "add")) return vxcli_txtask_add(n2, after2);
+      if (is(w2, "remove")) return vxcli_txtask_remove(n2, after2);
+      if (is(w2, "list")) return vxcli_txtask_list(n2, after2);
+    } else {
+      if (is(w2, "add")) return vxcli_route_add(n2, after2);
+      if (is(w2, "remove")) return vxcli_route_remove(n2, after2);
+      if (is(w2, "list")) return vxcli_route_list(n2, after2);
+    }
     vxcli_print_error("unknown %s action '%s'", w1, w2);
-    return 1;
-  }
-  if (is(w1, "logging")) {
-    if (!w2) {
-      vxcli_print_error("logging requires an action");
-      return 1;
-    }
-    if (is(w2, "start")) return vxcli_logging_start_command(n2, after2);
-    if (is(w2, "stop")) return vxcli_logging_stop_command(n2, after2);
-    if (is(w2, "status")) return vxcli_logging_status_command(n2, after2);
-    vxcli_print_error("unknown logging action '%s'", w2);
-    return 1;
-  }
-  if (is(w1, "replay")) {
-    if (!w2) {
-      vxcli_print_error("replay requires an action");
-      return 1;
-    }
-    if (is(w2, "start")) return vxcli_replay_file(n2, after2);
-    if (is(w2, "stop")) {
-      vxcli_print_error("replay stop requires daemon mode; standalone replay is stopped with Ctrl+C");
-      return 1;
-    }
-    if (is(w2, "status")) return vxcli_replay_status_command(n2, after2);
-    vxcli_print_error("unknown replay action '%s'", w2);
     return 1;
   }
   if (is(w1, "offline")) {
@@ -322,6 +379,8 @@ int standalone(int count, char** words) {
       vxcli_print_error("uds config %s requires daemon mode; start daemon first", w3);
       return 1;
     }
+    // Commands the daemon left to us still use the session stored there.
+    if (vxcli_daemon_is_running()) vxcli_uds_session_load_from_daemon();
     if (is(w2, "request")) return vxcli_uds_request_command(count - 2, words + 2);
     if (is(w2, "load")) return vxcli_uds_load_command(count - 2, words + 2);
     if (is(w2, "save")) return vxcli_uds_save_command(count - 2, words + 2);

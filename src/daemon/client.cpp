@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -21,6 +22,7 @@
 
 #include "channel/channel.h"
 #include "cli/output.h"
+#include "daemon/daemon.h"
 #include "json/json.h"
 #include "project/dirs.h"
 
@@ -48,7 +50,23 @@ void sleep_ms(int ms) {
   nanosleep(&ts, nullptr);
 }
 
-bool pid_alive(unsigned pid) { return pid != 0 && kill(static_cast<pid_t>(pid), 0) == 0; }
+// A process that exited but was not reaped yet (its parent is gone and the
+// reaper may take its time) counts as gone.
+bool pid_zombie(unsigned pid) {
+  char path[64], line[512];
+  snprintf(path, sizeof path, "/proc/%u/stat", pid);
+  FILE* f = fopen(path, "r");
+  if (!f) return false;
+  size_t n = fread(line, 1, sizeof line - 1, f);
+  fclose(f);
+  line[n] = 0;
+  const char* end = strrchr(line, ')');
+  return end && end[1] == ' ' && end[2] == 'Z';
+}
+
+bool pid_alive(unsigned pid) {
+  return pid != 0 && kill(static_cast<pid_t>(pid), 0) == 0 && !pid_zombie(pid);
+}
 
 // 1 with the pid when the pid file exists and reads; 0 when it is missing.
 int read_pid_file(unsigned* pid) {
@@ -107,8 +125,6 @@ long request_duration(const char* request, size_t length) {
   return 0;
 }
 
-const char* kChannelOptions[] = {"channel", "mode",        "bitrate", "nbitrate", "dbitrate",
-                                 "termination", "pullup", "power",   "lin-version", "checksum"};
 
 }  // namespace
 
@@ -181,6 +197,10 @@ int vxcli_daemon_send_command(const char* request, size_t length, char* response
   }
   timeval tv{timeout_s, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  // The request and its newline go out as two writes; without this the newline
+  // waits for the daemon's delayed acknowledgement (tens of milliseconds).
+  int one = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   size_t sent = 0;
   while (sent < length) {
     ssize_t n = send(fd, request + sent, length - sent, MSG_NOSIGNAL);
@@ -288,21 +308,12 @@ namespace {
 
 // Checks the start-up channel options the way the daemon will use them.
 int validate_start_options(const char* const values[10]) {
-  const char* channel = values[0];
-  if (channel) {
-    vxcli_channel_spec specs[32];
-    if (vxcli_parse_channel_list_ex(channel, specs, 32) <= 0) {
-      vxcli_print_error("Invalid channel specification: %s", channel);
-      return -1;
-    }
-  }
-  for (int i : {2, 3, 4}) {
-    if (!values[i]) continue;
-    vxcli_bitrate b;
-    if (vxcli_parse_bitrate_pair(values[i], &b) != 0) {
-      vxcli_print_error("invalid bitrate; use forms such as 500, 500K, 500000, or 1M");
-      return -1;
-    }
+  vxcli_daemon_channel_options o = {values[0], values[1], values[2], values[3], values[4],
+                                    values[5], values[6], values[7], values[8], values[9]};
+  char message[256];
+  if (vxcli_daemon_validate_channel_options(&o, message, sizeof message) != 0) {
+    vxcli_print_error("%s", message);
+    return -1;
   }
   return 0;
 }
@@ -418,6 +429,8 @@ int start_impl(const char* const values[10], bool quiet) {
 int stop_impl(bool quiet) {
   unsigned pid = 0;
   bool had_pid_file = read_pid_file(&pid) == 1;
+  // Whether it ran when asked: a daemon that stops at once must still count as exited.
+  const bool was_alive = had_pid_file && pid_alive(pid);
   char answer[512];
   int rc = vxcli_daemon_send_command("daemon stop", 11, answer, sizeof answer);
   if (!quiet && !json_mode()) {
@@ -433,7 +446,7 @@ int stop_impl(bool quiet) {
     return 0;
   }
   bool forced = false;
-  if (pid_alive(pid)) {
+  if (was_alive) {
     if (wait_pid_exit(pid, 5000) == 0) {
       if (!quiet && !json_mode()) printf("OK: daemon pid %u exited\n", pid);
     } else {
@@ -454,7 +467,7 @@ int stop_impl(bool quiet) {
 
 int vxcli_daemon_start(int count, char** words) {
   const char* values[10];
-  for (int i = 0; i < 10; i++) values[i] = vxcli_get_option(count, words, kChannelOptions[i]);
+  for (int i = 0; i < 10; i++) values[i] = vxcli_get_option(count, words, vxcli_daemon_channel_option_names[i]);
   return start_impl(values, false);
 }
 

@@ -19,10 +19,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
+#include <thread>
 
 #include "cli/hooks.h"
 #include "cli/output.h"
 #include "daemon/client.h"
+#include "daemon/daemon_recv.h"
 #include "daemon/rx_broker.h"
 #include "json/json.h"
 #include "vxapi.h"
@@ -40,13 +43,11 @@ const char kTooLargeEnvelope[] =
     "{\"code\":\"response_too_large\",\"message\":\"daemon error response exceeded limit\","
     "\"details\":{},\"retryable\":false}}\n";
 
-// Uid owning the loopback socket 127.0.0.1:peer_port connected to our_port,
-// asked of the kernel by its address: one lookup, where /proc/net/tcp lists
-// every TCP socket of the host and costs milliseconds per connection on a busy
-// machine. -1 not found, -2 when sock_diag is unavailable.
-long peer_uid_sock_diag(int peer_port, int our_port) {
+// Uid owning the loopback socket 127.0.0.1:peer_port connected to our_port, asked
+// of the kernel directly (one exact socket lookup); -1 when that is unavailable.
+long peer_uid_netlink(int peer_port, int our_port) {
   int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
-  if (fd < 0) return -2;
+  if (fd < 0) return -1;
   struct {
     nlmsghdr header;
     inet_diag_req_v2 request;
@@ -67,20 +68,20 @@ long peer_uid_sock_diag(int peer_port, int our_port) {
   sockaddr_nl kernel;
   memset(&kernel, 0, sizeof kernel);
   kernel.nl_family = AF_NETLINK;
+  long uid = -1;
   struct timeval timeout = {1, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  long uid = -2;
-  alignas(nlmsghdr) char answer[1024];
   if (sendto(fd, &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) ==
       static_cast<ssize_t>(sizeof message)) {
-    ssize_t n = recv(fd, answer, sizeof answer, 0);
-    const nlmsghdr* h = reinterpret_cast<const nlmsghdr*>(answer);
-    if (n > 0 && NLMSG_OK(h, static_cast<size_t>(n))) {
-      if (h->nlmsg_type == NLMSG_ERROR && h->nlmsg_len >= NLMSG_LENGTH(sizeof(nlmsgerr))) {
-        if (static_cast<const nlmsgerr*>(NLMSG_DATA(h))->error == -ENOENT) uid = -1;
-      } else if (h->nlmsg_type == SOCK_DIAG_BY_FAMILY &&
-                 h->nlmsg_len >= NLMSG_LENGTH(sizeof(inet_diag_msg))) {
-        uid = static_cast<const inet_diag_msg*>(NLMSG_DATA(h))->idiag_uid;
+    alignas(nlmsghdr) char buffer[8192];
+    ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+    for (nlmsghdr* h = reinterpret_cast<nlmsghdr*>(buffer); n > 0 && NLMSG_OK(h, static_cast<size_t>(n));
+         h = NLMSG_NEXT(h, n)) {
+      if (h->nlmsg_type != SOCK_DIAG_BY_FAMILY) break;
+      const inet_diag_msg* d = static_cast<const inet_diag_msg*>(NLMSG_DATA(h));
+      if (ntohs(d->id.idiag_sport) == peer_port && ntohs(d->id.idiag_dport) == our_port) {
+        uid = static_cast<long>(d->idiag_uid);
+        break;
       }
     }
   }
@@ -88,11 +89,10 @@ long peer_uid_sock_diag(int peer_port, int our_port) {
   return uid;
 }
 
-// Uid owning the loopback socket whose local port is peer_port and which is
-// connected to our_port; -1 when not found.
+// The same through /proc/net/tcp, for kernels without socket diagnostics.
 long peer_uid(int peer_port, int our_port) {
-  long known = peer_uid_sock_diag(peer_port, our_port);
-  if (known >= 0) return known;
+  long fast = peer_uid_netlink(peer_port, our_port);
+  if (fast >= 0) return fast;
   FILE* f = fopen("/proc/net/tcp", "r");
   if (!f) return -1;
   char line[512];
@@ -175,9 +175,16 @@ void reopen_output_on_log() {
   setvbuf(stderr, nullptr, _IONBF, 0);
 }
 
+void stop_receivers();
+
 [[noreturn]] void shutdown_and_exit(int listener) {
-  daemon_close_all_slots();
+  stop_receivers();
+  {
+    std::lock_guard<std::mutex> guard(g_daemon_command_lock);
+    daemon_close_all_slots();
+  }
   vxcli_rx_broker_shutdown();
+  VX_UnInit();
   if (listener >= 0) close(listener);
   char path[1024];
   if (vxcli_daemon_pid_path(path, sizeof path) == 0) unlink(path);
@@ -187,7 +194,67 @@ void reopen_output_on_log() {
   _exit(0);
 }
 
-void serve_connection(int fd, int port, char* request, char* response, char* envelope) {
+const char kRecvLimit[] = "ERROR: concurrent receive limit reached; retry later\n";
+
+// Body of a receive thread: capture, answer, close. Never takes the command lock.
+void receive_thread(int fd, daemon_recv_job* job, bool json) {
+  vxcli_json_writer answer;
+  if (vxcli_json_writer_init(&answer, 64 * 1024, VXCLI_DAEMON_BUFFER_SIZE - 1) != 0) {
+    const char refusal[] = "ERROR: out of memory for concurrent receive response\n";
+    write_all(fd, refusal, sizeof refusal - 1);
+  } else {
+    daemon_recv_run(job, &answer);
+    const char* text = vxcli_json_writer_data(&answer);
+    size_t length = vxcli_json_writer_length(&answer);
+    if (json && length >= 6 && strncmp(text, "ERROR:", 6) == 0) {
+      // Errors are one short line; the envelope needs it NUL-terminated.
+      std::string line(text, length);
+      std::string envelope(line.size() * 6 + 512, '\0');
+      const char* wrapped = daemon_json_error_envelope(line.c_str(), envelope.data(), envelope.size());
+      write_all(fd, wrapped, strlen(wrapped));
+    } else {
+      write_all(fd, text, length);
+    }
+  }
+  vxcli_json_writer_free(&answer);
+  close(fd);
+  daemon_recv_free(job);
+  g_daemon_async_readers.fetch_sub(1);
+}
+
+// Hands a "message recv" to a receive thread; true when the thread owns fd now.
+bool start_receive(int fd, const char* request, char* response, char* envelope) {
+  if (g_daemon_async_readers.load() >= VXCLI_DAEMON_MAX_RECEIVERS) {
+    write_all(fd, kRecvLimit, sizeof kRecvLimit - 1);
+    return false;
+  }
+  const bool json = daemon_request_wants_json(request);
+  const char* answer = nullptr;
+  daemon_recv_job* job;
+  {
+    std::lock_guard<std::mutex> guard(g_daemon_command_lock);
+    job = daemon_recv_begin(request, response, VXCLI_DAEMON_BUFFER_SIZE, &answer);
+    if (!job && json) answer = daemon_json_error_envelope(answer, envelope, VXCLI_DAEMON_BUFFER_SIZE);
+  }
+  if (!job) {
+    write_all(fd, answer, strlen(answer));
+    return false;
+  }
+  job->peer_fd = fd;
+  g_daemon_async_readers.fetch_add(1);
+  try {
+    std::thread(receive_thread, fd, job, json).detach();
+  } catch (...) {
+    g_daemon_async_readers.fetch_sub(1);
+    daemon_recv_free(job);
+    write_all(fd, kRecvLimit, sizeof kRecvLimit - 1);
+    return false;
+  }
+  return true;
+}
+
+// Serves one connection; true when a receive thread took it over.
+bool serve_connection(int fd, int port, char* request, char* response, char* envelope) {
   struct timeval timeout = {5, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
   sockaddr_in peer;
@@ -195,13 +262,15 @@ void serve_connection(int fd, int port, char* request, char* response, char* env
   if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peer_length) == 0) {
     long uid = peer_uid(ntohs(peer.sin_port), port);
     if (uid != static_cast<long>(getuid())) {
-      fprintf(stderr, "daemon: refused connection from port %d (uid %ld)\n", ntohs(peer.sin_port), uid);
+      fprintf(stdout, "Daemon: refused connection from port %d (uid %ld): not the daemon's user\n",
+              ntohs(peer.sin_port), uid);
       const char refusal[] = "ERROR: permission denied: daemon belongs to another user\n";
       write_all(fd, refusal, sizeof refusal - 1);
-      return;
+      return false;
     }
   }
-  if (read_line(fd, request, VXCLI_DAEMON_BUFFER_SIZE) == 0) return;
+  if (read_line(fd, request, VXCLI_DAEMON_BUFFER_SIZE) == 0) return false;
+  if (daemon_request_is_recv(request)) return start_receive(fd, request, response, envelope);
   const char* answer;
   {
     std::lock_guard<std::mutex> guard(g_daemon_command_lock);
@@ -210,6 +279,13 @@ void serve_connection(int fd, int port, char* request, char* response, char* env
       answer = daemon_json_error_envelope(answer, envelope, VXCLI_DAEMON_BUFFER_SIZE);
   }
   write_all(fd, answer, strlen(answer));
+  return false;
+}
+
+// Lets running receives finish their answers (they end once the broker is gone).
+void stop_receivers() {
+  g_daemon_recv_stop.store(true);
+  for (int waited = 0; g_daemon_async_readers.load() > 0 && waited < 3000; waited += 10) usleep(10000);
 }
 
 }  // namespace
@@ -223,7 +299,8 @@ bool daemon_request_wants_json(const char* request) {
 }
 
 const char* daemon_json_error_envelope(const char* answer, char* out, size_t size) {
-  if (answer && strncmp(answer, "ERROR:", 6) != 0) return answer;
+  // An empty answer is a failure too: the client must never get nothing back.
+  if (answer && answer[0] && strncmp(answer, "ERROR:", 6) != 0) return answer;
   if (answer && strncmp(answer, "ERROR: unknown command", 22) == 0) return answer;
   const char* text = (answer && answer[0]) ? answer : "ERROR: daemon command failed";
   text += 6;
@@ -311,7 +388,8 @@ void vxcli_daemon_run() {
             static_cast<int>(VXCLI_DAEMON_BUFFER_SIZE));
     _exit(1);
   }
-  daemon_state_init();
+  // Start-up channels may already sit in the slot table.
+  if (!daemon_is_running()) daemon_state_init();
   const int port = vxcli_daemon_port();
   char log_path[1024];
   if (vxcli_daemon_log_path(log_path, sizeof log_path) != 0) {
@@ -365,8 +443,11 @@ void vxcli_daemon_run() {
   while (daemon_is_running()) {
     int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) continue;
-    serve_connection(fd, port, request, response, envelope);
-    close(fd);
+    bool handed_off = serve_connection(fd, port, request, response, envelope);
+    if (!handed_off) close(fd);
+    if (!daemon_is_running() || handed_off) continue;
+    std::lock_guard<std::mutex> guard(g_daemon_command_lock);
+    vxcli_daemon_recovery_tick();
   }
   shutdown_and_exit(listener);
 }
@@ -387,10 +468,9 @@ int vxcli_daemon_process_main(int count, char** words) {
     VX_UnInit();
     return 1;
   }
-  const char* channels = vxcli_get_option(count, words, "channel");
-  if (channels && channels[0])
-    vxcli_daemon_open_channels_config(channels, vxcli_get_option(count, words, "mode"),
-                                      vxcli_get_option(count, words, "bitrate"),
-                                      vxcli_get_option(count, words, "termination"));
+  daemon_state_init();
+  vxcli_daemon_channel_options options;
+  vxcli_daemon_read_channel_options(count, words, &options);
+  if (options.channel && options.channel[0]) vxcli_daemon_open_channels_config(&options);
   vxcli_daemon_run();
 }

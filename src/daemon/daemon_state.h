@@ -24,6 +24,11 @@ struct Slot {
   VXBitrate bitrate;
   uint32_t termination;
   bool open;
+  // LIN open configuration (pull-up in ohm, 12 V output, protocol version, checksum model).
+  uint32_t lin_pullup;
+  uint32_t lin_power;
+  uint8_t lin_version;
+  uint8_t lin_checksum;
   // What the device last accepted, restored after a reopen.
   VXTxTask txtasks[VXCLI_DAEMON_MAX_TXTASKS];
   int txtask_count;
@@ -80,9 +85,31 @@ const char* daemon_answer_services(const Words& w, Out* out);  // txtask, route,
 const char* daemon_answer_logging(const Words& w, Out* out);   // logging, replay
 const char* daemon_answer_diag(const Words& w, Out* out);      // isotp, uds
 
+// Stops host replay and logging and finishes the log file (waits up to 10 s
+// each). Call before the slots close when the daemon stops, under the command
+// lock or not; the threads never wait for the lock while stopping.
+void vxcli_daemon_logging_shutdown();
+
 // Automatic bus-off recovery after each synchronous request (on at start);
 // switched by "channel auto-recover on|off".
 extern bool g_daemon_auto_recover;
 // One pass of bus-off recovery over the open CAN slots; restores a reopened
 // slot's TX tasks and routes from its copies.
 void vxcli_daemon_recovery_tick();
+
+// Command guard. Operation classes of a command line: 0 read-only, 1 shared
+// (sending, monitoring), 2 control (configuration, persistent jobs, close).
+int daemon_local_operation(char** argv, int argc);
+// The open slots a command names through --channel=, --src= and --dst= (lists
+// allowed, duplicates dropped, unknown selectors skipped), else every open slot.
+int daemon_collect_command_slots(char** argv, int argc, int* slots);
+// Null when a local control command may proceed, else the refusal in message.
+const char* daemon_guard_local_control(char** argv, int argc, char* message, size_t size);
+// After a control command succeeded: commits the touched slots' configuration.
+void daemon_commit_local_result(char** argv, int argc, const char* answer);
+// "channel claim" / "channel release".
+const char* daemon_answer_claim(const Words& w, Out* out);
+// Current time as the arbiter expects it from the command path (low 32 bits of ms).
+uint64_t daemon_arbiter_now();
+// A slot whose device vanished: closed on the device side, kept for reopening.
+bool daemon_slot_disconnected(int slot);

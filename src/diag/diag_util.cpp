@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -45,12 +46,14 @@ std::vector<char*> vxcli_diag_positionals(int count, char** words,
   return out;
 }
 
-int vxcli_diag_int_option(int count, char** words, const char* name, int64_t low, int64_t high,
-                          int64_t* out) {
+int vxcli_diag_int_option_text(int count, char** words, const char* name, int64_t low,
+                               int64_t high, int64_t* out, std::string* error) {
   const char* text = vxcli_get_option(count, words, name);
+  char message[200];
   if (!text) {
     if (vxcli_has_flag(count, words, name)) {
-      vxcli_print_error("--%s requires a value", name);
+      snprintf(message, sizeof message, "--%s requires a value", name);
+      *error = message;
       return 1;
     }
     return 0;
@@ -58,12 +61,21 @@ int vxcli_diag_int_option(int count, char** words, const char* name, int64_t low
   uint32_t v = 0;
   bool negative = text[0] == '-';
   if (negative || !vxcli_diag_parse_u32(text, &v) || v < low || v > high) {
-    vxcli_print_error("--%s=%s is invalid (expected %lld..%lld)", name, text,
-                      static_cast<long long>(low), static_cast<long long>(high));
+    snprintf(message, sizeof message, "--%s=%s is invalid (expected %lld..%lld)", name, text,
+             static_cast<long long>(low), static_cast<long long>(high));
+    *error = message;
     return 1;
   }
   *out = v;
   return 0;
+}
+
+int vxcli_diag_int_option(int count, char** words, const char* name, int64_t low, int64_t high,
+                          int64_t* out) {
+  std::string error;
+  if (vxcli_diag_int_option_text(count, words, name, low, high, out, &error) == 0) return 0;
+  vxcli_print_error("%s", error.c_str());
+  return 1;
 }
 
 std::string vxcli_diag_hex_compact(const uint8_t* bytes, size_t length) {

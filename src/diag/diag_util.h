@@ -16,6 +16,9 @@ std::vector<char*> vxcli_diag_positionals(int count, char** words,
 // 0, or 1 after reporting "--name ... invalid".
 int vxcli_diag_int_option(int count, char** words, const char* name, int64_t low, int64_t high,
                           int64_t* out);
+// The same with the message returned instead of reported (daemon answers).
+int vxcli_diag_int_option_text(int count, char** words, const char* name, int64_t low,
+                               int64_t high, int64_t* out, std::string* error);
 std::string vxcli_diag_hex_compact(const uint8_t* bytes, size_t length);
 // Text escaped for a JSON string body (without quotes).
 std::string vxcli_diag_json_escape(const char* text);

@@ -15,6 +15,15 @@
 
 namespace {
 
+using Endpoint = vxcli_isotp_endpoint;
+
+int read_endpoint(int count, char** words, Endpoint* e) {
+  std::string error;
+  if (vxcli_isotp_endpoint_from_words(count, words, e, &error) == 0) return 0;
+  vxcli_print_error("%s", error.c_str());
+  return 1;
+}
+
 volatile sig_atomic_t g_running = 1;
 vxcli_isotp_link* volatile g_signal_link = nullptr;
 
@@ -25,70 +34,6 @@ void on_sigint(int) {
 
 bool json_mode() {
   return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
-}
-
-struct Endpoint {
-  const char* channel = nullptr;
-  const char* bitrate = nullptr;
-  uint32_t reqid = 0, respid = 0;
-  bool fd = false, brs = false;
-  int padding = 0;
-  uint8_t pad_byte = 0xCC;
-  int64_t timeout = 5000;
-  int64_t st_min = 0, block_size = -1;  // -1: the link default
-};
-
-int read_endpoint(int count, char** words, Endpoint* e) {
-  e->channel = vxcli_get_option(count, words, "channel");
-  if (!e->channel || !*e->channel) {
-    vxcli_print_error("--channel is required");
-    return 1;
-  }
-  e->bitrate = vxcli_get_option(count, words, "bitrate");
-  struct Id { const char* name; uint32_t* out; };
-  for (Id id : {Id{"reqid", &e->reqid}, Id{"respid", &e->respid}}) {
-    const char* text = vxcli_get_option(count, words, id.name);
-    if (!text) {
-      vxcli_print_error("--%s is required", id.name);
-      return 1;
-    }
-    if (!vxcli_diag_parse_u32(text, id.out) || *id.out > 0x1FFFFFFF) {
-      vxcli_print_error("--%s=%s is not a CAN identifier (0x0..0x1FFFFFFF)", id.name, text);
-      return 1;
-    }
-  }
-  if (const char* flags = vxcli_get_option(count, words, "flags")) {
-    if (strcmp(flags, "fdf") == 0 || strcmp(flags, "fdf+brs") == 0) {
-      e->fd = true;
-      e->brs = strcmp(flags, "fdf+brs") == 0;
-    } else if (strcmp(flags, "classic") != 0) {
-      vxcli_print_error("--flags must be classic or fdf (got '%s')", flags);
-      return 1;
-    }
-  }
-  if (const char* padding = vxcli_get_option(count, words, "padding")) {
-    uint32_t v = 0;
-    if (!vxcli_diag_parse_u32(padding, &v) || v > 0xFF) {
-      vxcli_print_error("--padding must be a byte value such as 0xCC (got '%s')", padding);
-      return 1;
-    }
-    e->padding = 1;
-    e->pad_byte = static_cast<uint8_t>(v);
-  }
-  if (vxcli_diag_int_option(count, words, "timeout", 0, 600000, &e->timeout) != 0) return 1;
-  if (vxcli_diag_int_option(count, words, "stmin", 0, 0xFF, &e->st_min) != 0) return 1;
-  if (vxcli_diag_int_option(count, words, "block-size", 0, 0xFF, &e->block_size) != 0) return 1;
-  return 0;
-}
-
-VXMessage make_template(uint32_t id, bool fd, bool brs) {
-  VXMessage m;
-  memset(&m, 0, sizeof m);
-  bool extended = id > 0x7FF;
-  m.id = vxcli_isotp_wire_id(id, extended);
-  m.control = static_cast<uint8_t>((fd ? 15 : 8) | (extended ? VX_CTRL_IDE : 0) |
-                                   (fd ? VX_CTRL_EDL : 0) | (fd && brs ? VX_CTRL_BRS : 0));
-  return m;
 }
 
 // Channel and link for one command; closed in reverse order on return.
@@ -107,21 +52,10 @@ struct Session {
       vxcli_print_error("Failed to open channel %s", e.channel);
       return 1;
     }
-    vxcli_isotp_link_params p;
-    memset(&p, 0, sizeof p);
-    p.role = role;
-    p.request_template = make_template(e.reqid, e.fd, e.brs);
-    p.response_template = make_template(e.respid, e.fd, e.brs);
-    p.st_min = static_cast<uint8_t>(e.st_min);
-    p.block_size = static_cast<uint8_t>(e.block_size < 0 ? 0 : e.block_size);
-    p.padding = static_cast<uint8_t>(e.padding);
-    p.pad_byte = e.pad_byte;
-    if (vxcli_isotp_link_open(&link, channel, -1, &p, cursor) != 0) {
+    if (vxcli_isotp_endpoint_link_open(e, role, &link, channel, -1, cursor) != 0) {
       vxcli_print_error("Failed to initialize software ISO-TP transport");
       return 1;
     }
-    // A block size of 0 asked for explicitly means "no further flow control".
-    if (e.block_size == 0) link.config.block_size = 0;
     link_open = true;
     return 0;
   }
@@ -129,23 +63,8 @@ struct Session {
 
 void print_transfer(const char* direction, const Endpoint& e, uint32_t id, const uint8_t* data,
                     uint32_t length, const vxcli_isotp_stats& stats) {
-  std::string hex = vxcli_diag_hex_compact(data, length);
-  if (json_mode()) {
-    printf("{\"status\":\"ok\",\"direction\":\"%s\",\"channel\":\"%s\",\"id\":\"0x%X\",\"bytes\":%u,"
-           "\"frames_sent\":%u,\"frames_received\":%u,\"flow_control_frames\":%u,\"wait_frames\":%u,"
-           "\"fd\":%s,\"data\":\"%s\"}\n",
-           direction, vxcli_diag_json_escape(e.channel).c_str(), id, length, stats.frames_sent,
-           stats.frames_received, stats.flow_control_frames, stats.wait_frames, e.fd ? "true" : "false",
-           hex.c_str());
-  } else if (g_config.format == VXCLI_FORMAT_CSV) {
-    printf("direction,channel,id,bytes,frames_sent,frames_received,data\n");
-    printf("%s,%s,0x%X,%u,%u,%u,%s\n", direction, e.channel, id, length, stats.frames_sent,
-           stats.frames_received, hex.c_str());
-  } else {
-    printf("ISOTP %s %u bytes on %s id=0x%X (%u frame(s) sent, %u received): %s\n",
-           strcmp(direction, "tx") == 0 ? "TX" : "RX", length, e.channel, id, stats.frames_sent,
-           stats.frames_received, vxcli_uds_hex(data, length).c_str());
-  }
+  fputs(vxcli_isotp_render_transfer(direction, e.channel, id, e.fd, data, length, stats, g_config.format).c_str(),
+        stdout);
 }
 
 void install_sigint(vxcli_isotp_link* link) {
@@ -160,22 +79,135 @@ void install_sigint(vxcli_isotp_link* link) {
 
 }  // namespace
 
+int vxcli_isotp_endpoint_from_words(int count, char** words, vxcli_isotp_endpoint* e, std::string* error) {
+  char message[200];
+  auto fail = [&]() {
+    *error = message;
+    return 1;
+  };
+  *e = vxcli_isotp_endpoint{};
+  e->channel = vxcli_get_option(count, words, "channel");
+  if (!e->channel || !*e->channel) {
+    snprintf(message, sizeof message, "--channel is required");
+    return fail();
+  }
+  e->bitrate = vxcli_get_option(count, words, "bitrate");
+  struct Id { const char* name; uint32_t* out; };
+  for (Id id : {Id{"reqid", &e->reqid}, Id{"respid", &e->respid}}) {
+    const char* text = vxcli_get_option(count, words, id.name);
+    if (!text) {
+      snprintf(message, sizeof message, "--%s is required", id.name);
+      return fail();
+    }
+    if (!vxcli_diag_parse_u32(text, id.out) || *id.out > 0x1FFFFFFF) {
+      snprintf(message, sizeof message, "--%s=%s is not a CAN identifier (0x0..0x1FFFFFFF)", id.name, text);
+      return fail();
+    }
+  }
+  if (const char* flags = vxcli_get_option(count, words, "flags")) {
+    if (strcmp(flags, "fdf") == 0 || strcmp(flags, "fdf+brs") == 0) {
+      e->fd = true;
+      e->brs = strcmp(flags, "fdf+brs") == 0;
+    } else if (strcmp(flags, "classic") != 0) {
+      snprintf(message, sizeof message, "--flags must be classic or fdf (got '%s')", flags);
+      return fail();
+    }
+  }
+  if (const char* padding = vxcli_get_option(count, words, "padding")) {
+    uint32_t v = 0;
+    if (!vxcli_diag_parse_u32(padding, &v) || v > 0xFF) {
+      snprintf(message, sizeof message, "--padding must be a byte value such as 0xCC (got '%s')", padding);
+      return fail();
+    }
+    e->padding = 1;
+    e->pad_byte = static_cast<uint8_t>(v);
+  }
+  if (vxcli_diag_int_option_text(count, words, "timeout", 0, 600000, &e->timeout, error) != 0) return 1;
+  if (vxcli_diag_int_option_text(count, words, "stmin", 0, 0xFF, &e->st_min, error) != 0) return 1;
+  if (vxcli_diag_int_option_text(count, words, "block-size", 0, 0xFF, &e->block_size, error) != 0) return 1;
+  return 0;
+}
+
+VXMessage vxcli_isotp_template(uint32_t id, bool extended, bool fd, bool brs) {
+  VXMessage m;
+  memset(&m, 0, sizeof m);
+  m.header = static_cast<uint16_t>(VX_MSG_HEADER_WORD_CAN & 0xFFFF);
+  m.length = static_cast<uint16_t>(VX_MSG_HEADER_WORD_CAN >> 16);
+  m.id = vxcli_isotp_wire_id(id, extended);
+  m.control = static_cast<uint8_t>((fd ? 15 : 8) | (extended ? VX_CTRL_IDE : 0) |
+                                   (fd ? VX_CTRL_EDL : 0) | (fd && brs ? VX_CTRL_BRS : 0));
+  return m;
+}
+
+int vxcli_isotp_endpoint_link_open(const vxcli_isotp_endpoint& e, int role, vxcli_isotp_link* link,
+                                   VXHandle channel, int broker_slot, const char* cursor) {
+  vxcli_isotp_link_params p;
+  memset(&p, 0, sizeof p);
+  p.role = role;
+  p.request_template = vxcli_isotp_template(e.reqid, e.reqid > 0x7FF, e.fd, e.brs);
+  p.response_template = vxcli_isotp_template(e.respid, e.respid > 0x7FF, e.fd, e.brs);
+  p.st_min = static_cast<uint8_t>(e.st_min);
+  p.block_size = static_cast<uint8_t>(e.block_size < 0 ? 0 : e.block_size);
+  p.padding = static_cast<uint8_t>(e.padding);
+  p.pad_byte = e.pad_byte;
+  if (vxcli_isotp_link_open(link, channel, broker_slot, &p, cursor) != 0) return -1;
+  // A block size of 0 asked for explicitly means "no further flow control".
+  if (e.block_size == 0) link->config.block_size = 0;
+  return 0;
+}
+
+int vxcli_isotp_parse_payload(const char* text, std::vector<uint8_t>* out, std::string* error) {
+  if (!text) {
+    *error = "--data is required";
+    return 1;
+  }
+  out->assign(VXCLI_ISOTP_MAX_PAYLOAD + 1, 0);
+  char message[200];
+  char* one[] = {const_cast<char*>(text)};
+  int n = vxcli_uds_parse_hex_words(1, one, out->data(), out->size(), message, sizeof message);
+  if (n <= 0 || n > static_cast<int>(VXCLI_ISOTP_MAX_PAYLOAD)) {
+    *error = std::string("--data must hold 1..4095 hex bytes (") + (n < 0 ? message : "empty") + ")";
+    return 1;
+  }
+  out->resize(static_cast<size_t>(n));
+  return 0;
+}
+
+std::string vxcli_isotp_render_transfer(const char* direction, const char* channel, uint32_t id, bool fd,
+                                        const uint8_t* data, uint32_t length, const vxcli_isotp_stats& stats,
+                                        uint32_t format) {
+  std::string hex = vxcli_diag_hex_compact(data, length);
+  char head[512];
+  if (format == VXCLI_FORMAT_JSON || format == VXCLI_FORMAT_JSONL) {
+    snprintf(head, sizeof head,
+             "{\"status\":\"ok\",\"direction\":\"%s\",\"channel\":\"%s\",\"id\":\"0x%X\",\"bytes\":%u,"
+             "\"frames_sent\":%u,\"frames_received\":%u,\"flow_control_frames\":%u,\"wait_frames\":%u,"
+             "\"fd\":%s,\"data\":\"",
+             direction, vxcli_diag_json_escape(channel).c_str(), id, length, stats.frames_sent,
+             stats.frames_received, stats.flow_control_frames, stats.wait_frames, fd ? "true" : "false");
+    return head + hex + "\"}\n";
+  }
+  if (format == VXCLI_FORMAT_CSV) {
+    snprintf(head, sizeof head, "direction,channel,id,bytes,frames_sent,frames_received,data\n%s,%s,0x%X,%u,%u,%u,",
+             direction, channel, id, length, stats.frames_sent, stats.frames_received);
+    return head + hex + "\n";
+  }
+  snprintf(head, sizeof head, "ISOTP %s %u bytes on %s id=0x%X (%u frame(s) sent, %u received): ",
+           strcmp(direction, "tx") == 0 ? "TX" : "RX", length, channel, id, stats.frames_sent,
+           stats.frames_received);
+  return head + vxcli_uds_hex(data, length) + "\n";
+}
+
 int vxcli_isotp_send_command(int count, char** words) {
   Endpoint e;
   if (read_endpoint(count, words, &e) != 0) return 1;
-  const char* data_text = vxcli_get_option(count, words, "data");
-  if (!data_text) {
-    vxcli_print_error("--data is required");
+  std::vector<uint8_t> data;
+  std::string error;
+  if (vxcli_isotp_parse_payload(vxcli_get_option(count, words, "data"), &data, &error) != 0) {
+    vxcli_print_error("%s", error.c_str());
     return 1;
   }
-  std::vector<uint8_t> data(VXCLI_ISOTP_MAX_PAYLOAD + 1);
-  char message[200];
-  char* one[] = {const_cast<char*>(data_text)};
-  int n = vxcli_uds_parse_hex_words(1, one, data.data(), data.size(), message, sizeof message);
-  if (n <= 0 || n > static_cast<int>(VXCLI_ISOTP_MAX_PAYLOAD)) {
-    vxcli_print_error("--data must hold 1..4095 hex bytes (%s)", n < 0 ? message : "empty");
-    return 1;
-  }
+  const int n = static_cast<int>(data.size());
   Session s;
   if (s.open(e, VXCLI_ISOTP_ROLE_TESTER, "isotp-send") != 0) return 1;
   install_sigint(&s.link);

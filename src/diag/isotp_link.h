@@ -34,6 +34,8 @@ struct vxcli_isotp_broker_ops {
   void (*close_cursor)(void* cursor);
 };
 void vxcli_isotp_set_broker_ops(const vxcli_isotp_broker_ops* ops);
+// Installs the operations of the daemon's receive broker (daemon/rx_broker.h).
+void vxcli_isotp_use_rx_broker();
 
 struct vxcli_isotp_link {
   vxcli_isotp_config config;

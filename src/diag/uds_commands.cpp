@@ -9,6 +9,7 @@
 #include "diag/image.h"
 #include "diag/seedkey.h"
 #include "diag/services.h"
+#include "diag/isotp.h"
 #include "diag/uds_client.h"
 
 namespace {
@@ -17,10 +18,14 @@ bool json_mode() {
   return g_config.format == VXCLI_FORMAT_JSON || g_config.format == VXCLI_FORMAT_JSONL;
 }
 
-void print_bytes_line(const char* label, const uint8_t* bytes, uint32_t length) {
-  printf("%s (%u bytes): ", label, length);
-  for (uint32_t i = 0; i < length; i++) printf("%02X ", bytes[i]);
-  printf("\n");
+std::string bytes_text(const uint8_t* bytes, size_t length) {
+  std::string s;
+  char b[4];
+  for (size_t i = 0; i < length; i++) {
+    snprintf(b, sizeof b, "%02X ", bytes[i]);
+    s += b;
+  }
+  return s;
 }
 
 // Closes the transport when the command returns, whatever path it takes.
@@ -50,33 +55,30 @@ const char* transport_error(const vxcli_uds_transport* t) {
 }
 
 // Builds the request bytes of "uds request" from positional words or --data.
-int build_request(int count, char** words, uint8_t* request, int* length) {
+int build_request(int count, char** words, std::vector<uint8_t>* out, std::string* error) {
   std::vector<char*> positional =
       vxcli_diag_positionals(count, words, {"dry-run", "suppress-positive-response"});
   const char* data = vxcli_get_option(count, words, "data");
-  char message[200];
-  if (data && !positional.empty()) {
-    vxcli_print_error("--data cannot be combined with positional request bytes");
+  char message[300];
+  uint8_t request[VXCLI_ISOTP_MAX_PAYLOAD + 1];
+  auto fail = [&](const char* format, const char* what) {
+    snprintf(message, sizeof message, format, what);
+    *error = message;
     return 1;
-  }
+  };
+  if (data && !positional.empty()) return fail("%s", "--data cannot be combined with positional request bytes");
   if (data) {
     char* one[] = {const_cast<char*>(data)};
-    int n = vxcli_uds_parse_hex_words(1, one, request, 4095, message, sizeof message);
-    if (n <= 0) {
-      vxcli_print_error("Unknown service or invalid data: %s", data);
-      return 1;
-    }
-    *length = n;
+    int n = vxcli_uds_parse_hex_words(1, one, request, sizeof request, message, sizeof message);
+    if (n <= 0) return fail("Unknown service or invalid data: %s", data);
+    out->assign(request, request + n);
     return 0;
   }
-  if (positional.empty()) {
-    vxcli_print_error("usage: uds request <SERVICE_OR_HEX> [PARAMS...]");
-    return 1;
-  }
+  if (positional.empty()) return fail("%s", "usage: uds request <SERVICE_OR_HEX> [PARAMS...]");
   int n = vxcli_uds_parse_hex_words(static_cast<int>(positional.size()), positional.data(), request,
-                                    4095, message, sizeof message);
+                                    sizeof request, message, sizeof message);
   if (n > 0) {
-    *length = n;
+    out->assign(request, request + n);
     return 0;
   }
   // Not hex: a named service followed by hex parameters.
@@ -85,161 +87,280 @@ int build_request(int count, char** words, uint8_t* request, int* length) {
   const vxcli_uds_service* service = nullptr;
   if (vxcli_uds_services_current(&services, &source, message, sizeof message) == 0)
     service = vxcli_uds_services_find(services, positional[0]);
-  if (!service) {
-    vxcli_print_error("Unknown service or invalid data: %s", positional[0]);
-    return 1;
-  }
+  if (!service) return fail("Unknown service or invalid data: %s", positional[0]);
   request[0] = service->id;
   size_t fixed = service->data.size();
   memcpy(request + 1, service->data.data(), fixed);
   int params = 0;
   if (positional.size() > 1) {
     params = vxcli_uds_parse_hex_words(static_cast<int>(positional.size() - 1), positional.data() + 1,
-                                       request + 1 + fixed, 4095 - 1 - fixed, message, sizeof message);
+                                       request + 1 + fixed, sizeof request - 1 - fixed, message,
+                                       sizeof message);
     if (params < 0) {
-      vxcli_print_error("Unknown service or invalid data: %s", message);
-      return 1;
+      std::string why = message;
+      return fail("Unknown service or invalid data: %s", why.c_str());
     }
   }
-  *length = static_cast<int>(1 + fixed + params);
+  out->assign(request, request + 1 + fixed + params);
   return 0;
 }
 
 }  // namespace
 
-int vxcli_uds_request_command(int count, char** words) {
-  uint8_t request[4096];
-  int length = 0;
-  if (build_request(count, words, request, &length) != 0) return 1;
+int vxcli_uds_request_plan_from_words(int count, char** words, vxcli_uds_request_plan* plan,
+                                      std::string* error) {
+  plan->request.clear();
+  plan->suppressed = 0;
+  plan->timeout_ms = 5000;
+  plan->dry_run = vxcli_has_flag(count, words, "dry-run");
+  if (build_request(count, words, &plan->request, error) != 0) return 1;
   int64_t timeout = 5000;
-  if (vxcli_diag_int_option(count, words, "timeout", 1, 600000, &timeout) != 0) return 1;
-  const bool ask_suppress = vxcli_has_flag(count, words, "suppress-positive-response");
-  int suppressed = 0;
+  if (vxcli_diag_int_option_text(count, words, "timeout", 1, 600000, &timeout, error) != 0) return 1;
+  plan->timeout_ms = static_cast<int32_t>(timeout);
   char message[200];
-  if (vxcli_uds_prepare_suppression(request, length, ask_suppress, &suppressed, message,
-                                    sizeof message) != 0) {
-    vxcli_print_error("--suppress-positive-response is invalid: %s", message);
+  if (vxcli_uds_prepare_suppression(plan->request.data(), plan->request.size(),
+                                    vxcli_has_flag(count, words, "suppress-positive-response"),
+                                    &plan->suppressed, message, sizeof message) != 0) {
+    *error = std::string("--suppress-positive-response is invalid: ") + message;
     return 1;
   }
-  const std::string request_hex = vxcli_diag_hex_compact(request, length);
-  if (vxcli_has_flag(count, words, "dry-run")) {
-    if (json_mode()) {
-      printf("{\"status\":\"ok\",\"dry_run\":true,\"req_bytes\":%d,\"suppress_positive_response\":%s,"
-             "\"request\":\"%s\"}\n",
-             length, suppressed ? "true" : "false", request_hex.c_str());
-    } else {
-      printf("DRY-RUN (%d bytes): ", length);
-      for (int i = 0; i < length; i++) printf("%02X ", request[i]);
-      printf("\n");
+  return 0;
+}
+
+void vxcli_uds_request_exchange(const vxcli_uds_transport* t, const vxcli_uds_request_plan& plan,
+                                vxcli_uds_request_outcome* o) {
+  o->send_failed = false;
+  o->received = false;
+  o->response.clear();
+  o->pending = 0;
+  o->transport_error.clear();
+  const uint32_t length = static_cast<uint32_t>(plan.request.size());
+  o->status = t->send(t->context, plan.request.data(), length, plan.timeout_ms);
+  if (o->status != 0) {
+    o->send_failed = true;
+    o->transport_error = transport_error(t);
+    o->state = "send_failed";
+    o->rc = 1;
+    return;
+  }
+  if (g_config.verbose)
+    fprintf(stderr, "UDS ISOTP TX OK (%u bytes), waiting for response...\n", length);
+  std::vector<uint8_t> response(VXCLI_UDS_BUFFER);
+  vxcli_uds_receiver receiver{t->receive, t->now_ms, t->context};
+  uint64_t start = t->now_ms ? t->now_ms(t->context) : 0;
+  vxcli_uds_exchange ex;
+  vxcli_uds_receive_final(&receiver, plan.request[0], response.data(), VXCLI_UDS_BUFFER,
+                          plan.timeout_ms, start, &ex);
+  o->status = ex.status;
+  o->pending = ex.pending;
+  o->received = ex.status == 0;
+  if (o->received) o->response.assign(response.begin(), response.begin() + ex.length);
+  else o->transport_error = transport_error(t);
+  if (!o->received) {
+    o->state = plan.suppressed ? "response_suppressed" : "no_response";
+    o->rc = plan.suppressed ? 0 : 1;
+  } else if (vxcli_uds_is_negative(o->response.data(), ex.length)) {
+    o->state = "negative_response";
+    o->rc = 1;
+  } else {
+    o->state = "positive_response";
+    o->rc = 0;
+  }
+}
+
+std::string vxcli_uds_request_render(const vxcli_uds_request_plan& plan,
+                                     const vxcli_uds_request_outcome* o, uint32_t format) {
+  const bool json = format == VXCLI_FORMAT_JSON || format == VXCLI_FORMAT_JSONL;
+  const int length = static_cast<int>(plan.request.size());
+  const std::string request_hex = vxcli_diag_hex_compact(plan.request.data(), plan.request.size());
+  std::string text;
+  char line[512];
+  if (!o) {
+    if (json) {
+      snprintf(line, sizeof line,
+               "{\"status\":\"ok\",\"dry_run\":true,\"req_bytes\":%d,\"suppress_positive_response\":%s,"
+               "\"request\":\"%s\"}\n",
+               length, plan.suppressed ? "true" : "false", request_hex.c_str());
+      return line;
     }
+    snprintf(line, sizeof line, "DRY-RUN (%d bytes): ", length);
+    return line + bytes_text(plan.request.data(), plan.request.size()) + "\n";
+  }
+  if (o->send_failed) return "";
+  const uint32_t resp_bytes = o->received ? static_cast<uint32_t>(o->response.size()) : 0;
+  const std::string response_hex = vxcli_diag_hex_compact(o->response.data(), resp_bytes);
+  if (json) {
+    snprintf(line, sizeof line,
+             "{\"status\":\"%s\",\"state\":\"%s\",\"req_bytes\":%d,\"resp_bytes\":%u,"
+             "\"response_received\":%s,\"suppress_positive_response\":%s,\"request\":\"",
+             o->rc == 0 ? "ok" : "error", o->state, length, resp_bytes, o->received ? "true" : "false",
+             plan.suppressed ? "true" : "false");
+    text = line + request_hex + "\",\"response\":\"" + response_hex + "\"";
+    if (o->pending) text += ",\"pending_responses\":" + std::to_string(o->pending);
+    if (o->received && o->rc != 0 && resp_bytes >= 3) {
+      snprintf(line, sizeof line, ",\"nrc\":\"0x%02X\",\"nrc_name\":\"%s\"", o->response[2],
+               vxcli_uds_nrc_name(o->response[2]));
+      text += line;
+    }
+    if (!o->received) {
+      text += ",\"transport_status\":" + std::to_string(o->status);
+      if (o->rc != 0)
+        text += ",\"message\":\"" + vxcli_diag_json_escape(vxcli_uds_request_error(plan, *o).c_str()) + "\"";
+    }
+    return text + "}\n";
+  }
+  if (format == VXCLI_FORMAT_CSV) {
+    text = "direction,bytes,data\nTX," + std::to_string(length) + "," + request_hex + "\n";
+    if (o->received) text += "RX," + std::to_string(resp_bytes) + "," + response_hex + "\n";
+    return text;
+  }
+  snprintf(line, sizeof line, "TX (%d bytes): ", length);
+  text = line + bytes_text(plan.request.data(), plan.request.size()) + "\n";
+  if (o->received) {
+    snprintf(line, sizeof line, "RX (%u bytes): ", resp_bytes);
+    text += line + bytes_text(o->response.data(), resp_bytes) + "\n";
+  } else if (plan.suppressed) {
+    text += "No response (positive response suppressed)\n";
+  }
+  return text;
+}
+
+std::string vxcli_uds_request_error(const vxcli_uds_request_plan& plan,
+                                    const vxcli_uds_request_outcome& o) {
+  char line[512];
+  if (o.rc == 0) return "";
+  if (o.send_failed) {
+    snprintf(line, sizeof line, "UDS request send failed: %s (%s)", vxcli_status_to_string(o.status),
+             o.transport_error.c_str());
+  } else if (!o.received) {
+    snprintf(line, sizeof line, "UDS request sent %d bytes, no response (%s)",
+             static_cast<int>(plan.request.size()), o.transport_error.c_str());
+  } else {
+    const size_t n = o.response.size();
+    snprintf(line, sizeof line, "Negative response: service=0x%02X, NRC=0x%02X", n > 1 ? o.response[1] : 0,
+             n > 2 ? o.response[2] : 0);
+  }
+  return line;
+}
+
+int vxcli_uds_request_command(int count, char** words) {
+  vxcli_uds_request_plan plan;
+  std::string error;
+  if (vxcli_uds_request_plan_from_words(count, words, &plan, &error) != 0) {
+    vxcli_print_error("%s", error.c_str());
+    return 1;
+  }
+  if (plan.dry_run) {
+    fputs(vxcli_uds_request_render(plan, nullptr, g_config.format).c_str(), stdout);
     return 0;
   }
-
   vxcli_uds_session session;
   if (vxcli_uds_session_from_options(count, words, &session) != 0) return 1;
   if (require_uds_session(&session) != 0) return 1;
   TransportGuard guard;
+  char message[256];
   if (vxcli_uds_open_transport(&session, "standalone-uds-request", &guard.t, message,
                                sizeof message) != 0) {
     vxcli_print_error("%s", message);
     return 1;
   }
   guard.open = true;
-  const vxcli_uds_transport* t = &guard.t;
   if (g_config.verbose)
     fprintf(stderr,
             "UDS ISOTP: ch=%s reqid=0x%X respid=0x%X padding=%d padval=0x%02X testerTimeout.b=%d "
             "ecuTimeout.b=%d reqlen=%d timeout=%d\n",
             session.channel.c_str(), session.request_id, session.response_id, session.padding,
-            session.pad_byte, static_cast<int>(timeout), static_cast<int>(timeout), length,
-            static_cast<int>(timeout));
+            session.pad_byte, plan.timeout_ms, plan.timeout_ms, static_cast<int>(plan.request.size()),
+            plan.timeout_ms);
+  vxcli_uds_request_outcome outcome;
+  vxcli_uds_request_exchange(&guard.t, plan, &outcome);
+  // JSON carries the failure in its own document.
+  fputs(vxcli_uds_request_render(plan, &outcome, g_config.format).c_str(), stdout);
+  const bool json = json_mode();
+  if (outcome.rc != 0 && !(json && !outcome.send_failed))
+    vxcli_print_error("%s", vxcli_uds_request_error(plan, outcome).c_str());
+  return outcome.rc;
+}
 
-  uint32_t status = t->send(t->context, request, static_cast<uint32_t>(length),
-                            static_cast<int32_t>(timeout));
-  if (status != 0) {
-    vxcli_print_error("UDS request send failed: %s (%s)", vxcli_status_to_string(status),
-                      transport_error(t));
+int vxcli_uds_unlock_plan_from_words(int count, char** words, uint32_t* level, std::string* algo,
+                                     std::string* error) {
+  char message[300];
+  const char* level_text = vxcli_get_option(count, words, "level");
+  if (!level_text) {
+    *error = "--level is required";
     return 1;
   }
-  if (g_config.verbose) fprintf(stderr, "UDS ISOTP TX OK (%d bytes), waiting for response...\n", length);
+  if (!vxcli_diag_parse_u32(level_text, level) || *level < 1 || *level > 126) {
+    snprintf(message, sizeof message, "--level %s out of range (expected e.g. 0x11)", level_text);
+    *error = message;
+    return 1;
+  }
+  const char* text = vxcli_get_option(count, words, "algo");
+  if (!text || !*text) {
+    *error = "--algo is required (path to security DLL/.so)";
+    return 1;
+  }
+  *algo = text;
+  return 0;
+}
 
-  uint8_t response[VXCLI_UDS_BUFFER];
-  vxcli_uds_receiver receiver{t->receive, t->now_ms, t->context};
-  uint64_t start = t->now_ms ? t->now_ms(t->context) : 0;
-  vxcli_uds_exchange ex;
-  vxcli_uds_receive_final(&receiver, request[0], response, sizeof response,
-                          static_cast<int32_t>(timeout), start, &ex);
-  const bool received = ex.status == 0;
-  const char* state;
-  int rc;
-  if (!received) {
-    state = suppressed ? "response_suppressed" : "no_response";
-    rc = suppressed ? 0 : 1;
-  } else if (vxcli_uds_is_negative(response, ex.length)) {
-    state = "negative_response";
-    rc = 1;
-  } else {
-    state = "positive_response";
-    rc = 0;
+int vxcli_uds_unlock_run(const vxcli_uds_transport* t, const vxcli_seedkey* library, uint32_t level,
+                         const std::string& algo, uint32_t format, std::string* body, std::string* error) {
+  char message[512];
+  auto fail = [&](const char* text) {
+    *error = text;
+    return 1;
+  };
+  const uint8_t seed_sub = static_cast<uint8_t>(level | 1);
+  const uint8_t seed_request[2] = {0x27, seed_sub};
+  if (t->send(t->context, seed_request, 2, 5000) != 0) {
+    snprintf(message, sizeof message, "seed request TX failed: %s", transport_error(t));
+    return fail(message);
   }
-  const uint32_t resp_bytes = received ? ex.length : 0;
-
-  if (json_mode()) {
-    std::string response_hex = vxcli_diag_hex_compact(response, resp_bytes);
-    printf("{\"status\":\"%s\",\"state\":\"%s\",\"req_bytes\":%d,\"resp_bytes\":%u,"
-           "\"response_received\":%s,\"suppress_positive_response\":%s,\"request\":\"%s\","
-           "\"response\":\"%s\"",
-           rc == 0 ? "ok" : "error", state, length, resp_bytes, received ? "true" : "false",
-           suppressed ? "true" : "false", request_hex.c_str(), response_hex.c_str());
-    if (ex.pending) printf(",\"pending_responses\":%u", ex.pending);
-    if (received && rc != 0 && resp_bytes >= 3)
-      printf(",\"nrc\":\"0x%02X\",\"nrc_name\":\"%s\"", response[2], vxcli_uds_nrc_name(response[2]));
-    if (!received) {
-      printf(",\"transport_status\":%u", ex.status);
-      if (rc != 0) {
-        std::string text = vxcli_diag_json_escape(transport_error(t));
-        printf(",\"message\":\"UDS request sent %d bytes, no response (%s)\"", length, text.c_str());
-      }
-    }
-    printf("}\n");
-    return rc;
+  uint8_t response[64];
+  uint32_t length = sizeof response;
+  uint32_t status = read_isotp_with_pending(t, 0x27, response, &length);
+  if (status != 0 || length < 3 || response[0] != 0x67) {
+    snprintf(message, sizeof message, "invalid seed response (expected 67 %02X)", seed_sub);
+    return fail(message);
   }
-  if (g_config.format == VXCLI_FORMAT_CSV) {
-    printf("direction,bytes,data\n");
-    printf("TX,%d,%s\n", length, request_hex.c_str());
-    if (received) printf("RX,%u,%s\n", resp_bytes, vxcli_diag_hex_compact(response, resp_bytes).c_str());
-  } else {
-    print_bytes_line("TX", request, static_cast<uint32_t>(length));
-    if (received) print_bytes_line("RX", response, resp_bytes);
-    else if (suppressed) printf("No response (positive response suppressed)\n");
+  const uint32_t seed_length = length - 2;
+  uint8_t key[VXCLI_SEEDKEY_MAX_KEY];
+  uint32_t key_length = 0;
+  if (vxcli_seedkey_compute(library, response + 2, seed_length, level, key, &key_length, message,
+                            sizeof message) != 0)
+    return fail(message);
+  // The key sub-function is the level with bit 0 cleared, not seed + 1.
+  uint8_t key_request[2 + VXCLI_SEEDKEY_MAX_KEY] = {0x27, static_cast<uint8_t>(level & ~1u)};
+  memcpy(key_request + 2, key, key_length);
+  if (t->send(t->context, key_request, 2 + key_length, 5000) != 0) {
+    snprintf(message, sizeof message, "send-key TX failed: %s", transport_error(t));
+    return fail(message);
   }
-  if (!received && rc != 0)
-    vxcli_print_error("UDS request sent %d bytes, no response (%s)", length, transport_error(t));
-  else if (received && rc != 0)
-    vxcli_print_error("Negative response: service=0x%02X, NRC=0x%02X",
-                      resp_bytes > 1 ? response[1] : 0, resp_bytes > 2 ? response[2] : 0);
-  return rc;
+  length = sizeof response;
+  status = read_isotp_with_pending(t, 0x27, response, &length);
+  if (status != 0 || length < 2 || response[0] != 0x67)
+    return fail("security unlock rejected (key not accepted by ECU)");
+  if (format == VXCLI_FORMAT_JSON || format == VXCLI_FORMAT_JSONL)
+    snprintf(message, sizeof message, "{\"status\":\"ok\",\"level\":%u,\"algo\":\"%s\",\"seed_size\":%u,\"key_size\":%u}\n",
+             level, vxcli_diag_json_escape(algo.c_str()).c_str(), seed_length, key_length);
+  else
+    snprintf(message, sizeof message, "Security level 0x%X unlocked via %s (seed=%u bytes, key=%u bytes)\n", level,
+             algo.c_str(), seed_length, key_length);
+  *body = message;
+  return 0;
 }
 
 int vxcli_uds_unlock_command(int count, char** words) {
-  const char* level_text = vxcli_get_option(count, words, "level");
-  if (!level_text) {
-    vxcli_print_error("--level is required");
-    return 1;
-  }
   uint32_t level = 0;
-  if (!vxcli_diag_parse_u32(level_text, &level) || level < 1 || level > 126) {
-    vxcli_print_error("--level %s out of range (expected e.g. 0x11)", level_text);
-    return 1;
-  }
-  const char* algo = vxcli_get_option(count, words, "algo");
-  if (!algo || !*algo) {
-    vxcli_print_error("--algo is required (path to security DLL/.so)");
+  std::string algo, error;
+  if (vxcli_uds_unlock_plan_from_words(count, words, &level, &algo, &error) != 0) {
+    vxcli_print_error("%s", error.c_str());
     return 1;
   }
   char message[512];
   vxcli_seedkey library;
-  if (vxcli_seedkey_load(algo, &library, message, sizeof message) != 0) {
+  if (vxcli_seedkey_load(algo.c_str(), &library, message, sizeof message) != 0) {
     vxcli_print_error("%s", message);
     return 1;
   }
@@ -252,51 +373,12 @@ int vxcli_uds_unlock_command(int count, char** words) {
   TransportGuard guard;
   if (open_session_transport(count, words, "standalone-uds-security-access", &session, &guard) != 0)
     return 1;
-  const vxcli_uds_transport* t = &guard.t;
-
-  const uint8_t seed_sub = static_cast<uint8_t>(level | 1);
-  const uint8_t seed_request[2] = {0x27, seed_sub};
-  uint32_t status = t->send(t->context, seed_request, 2, 5000);
-  if (status != 0) {
-    vxcli_print_error("seed request TX failed: %s", transport_error(t));
+  std::string body;
+  if (vxcli_uds_unlock_run(&guard.t, &library, level, algo, g_config.format, &body, &error) != 0) {
+    vxcli_print_error("%s", error.c_str());
     return 1;
   }
-  uint8_t response[64];
-  uint32_t length = sizeof response;
-  status = read_isotp_with_pending(t, 0x27, response, &length);
-  if (status != 0 || length < 3 || response[0] != 0x67) {
-    vxcli_print_error("invalid seed response (expected 67 %02X)", seed_sub);
-    return 1;
-  }
-  const uint32_t seed_length = length - 2;
-  uint8_t key[VXCLI_SEEDKEY_MAX_KEY];
-  uint32_t key_length = 0;
-  if (vxcli_seedkey_compute(&library, response + 2, seed_length, level, key, &key_length, message,
-                            sizeof message) != 0) {
-    vxcli_print_error("%s", message);
-    return 1;
-  }
-  // The key sub-function is the level with bit 0 cleared, not seed + 1.
-  uint8_t key_request[2 + VXCLI_SEEDKEY_MAX_KEY] = {0x27, static_cast<uint8_t>(level & ~1u)};
-  memcpy(key_request + 2, key, key_length);
-  status = t->send(t->context, key_request, 2 + key_length, 5000);
-  if (status != 0) {
-    vxcli_print_error("send-key TX failed: %s", transport_error(t));
-    return 1;
-  }
-  length = sizeof response;
-  status = read_isotp_with_pending(t, 0x27, response, &length);
-  if (status != 0 || length < 2 || response[0] != 0x67) {
-    vxcli_print_error("security unlock rejected (key not accepted by ECU)");
-    return 1;
-  }
-  if (json_mode()) {
-    printf("{\"status\":\"ok\",\"level\":%u,\"algo\":\"%s\",\"seed_size\":%u,\"key_size\":%u}\n", level,
-           vxcli_diag_json_escape(algo).c_str(), seed_length, key_length);
-  } else {
-    printf("Security level 0x%X unlocked via %s (seed=%u bytes, key=%u bytes)\n", level, algo,
-           seed_length, key_length);
-  }
+  fputs(body.c_str(), stdout);
   return 0;
 }
 
@@ -494,16 +576,26 @@ int vxcli_uds_present_send_command(int count, char** words) {
 }
 
 int vxcli_uds_discover_command(int count, char** words) {
-  int64_t first = 0x700, last = 0x7F7, offset = 8, timeout = 100;
-  if (vxcli_diag_int_option(count, words, "first-id", 1, 0x1FFFFFFF, &first) != 0) return 1;
-  if (vxcli_diag_int_option(count, words, "last-id", 1, 0x1FFFFFFF, &last) != 0) return 1;
+  int64_t first = 0x700, last = 0x7FF, offset = 8, timeout = 50;
+  if (vxcli_diag_int_option(count, words, "start-id", 1, 0x1FFFFFFF, &first) != 0) return 1;
+  if (vxcli_diag_int_option(count, words, "end-id", 1, 0x1FFFFFFF, &last) != 0) return 1;
   if (vxcli_diag_int_option(count, words, "response-offset", 0, 0x1FFFFFFF, &offset) != 0) return 1;
   if (vxcli_diag_int_option(count, words, "timeout", 1, 10000, &timeout) != 0) return 1;
   if (last < first || last - first > 4096) {
-    vxcli_print_error("--first-id..--last-id must be ascending and span at most 4096 identifiers");
+    vxcli_print_error("--start-id..--end-id must be ascending and span at most 4096 identifiers");
     return 1;
   }
-  const uint8_t probe[2] = {0x3E, 0x00};  // TesterPresent: every UDS server must answer it
+  // TesterPresent is answered in every session; DiagnosticSessionControl
+  // (default session) reaches servers that ignore TesterPresent outside one.
+  const char* probe_name = vxcli_get_option(count, words, "probe");
+  uint8_t probe[2] = {0x3E, 0x00};
+  if (probe_name && strcmp(probe_name, "session") == 0) {
+    probe[0] = 0x10;
+    probe[1] = 0x01;
+  } else if (probe_name && strcmp(probe_name, "tester-present") != 0) {
+    vxcli_print_error("--probe must be tester-present or session (got '%s')", probe_name);
+    return 1;
+  }
   vxcli_uds_session session;
   if (vxcli_uds_session_from_options(count, words, &session) != 0) return 1;
   if (session.channel.empty()) {

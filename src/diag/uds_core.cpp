@@ -199,11 +199,21 @@ void vxcli_uds_receive_final(const vxcli_uds_receiver* receiver, uint8_t service
                              uint8_t* buffer, uint32_t capacity, int32_t timeout_ms,
                              uint64_t start_ms, vxcli_uds_exchange* result) {
   memset(result, 0, sizeof *result);
+  uint32_t skipped = 0;
   for (;;) {
     uint32_t length = capacity;
     uint32_t status = receiver->receive(receiver->context, buffer, &length, timeout_ms);
     result->status = status;
     if (status != 0) return;  // length of the previous (pending) response stays
+    // A late TesterPresent answer (a keepalive task shares the endpoint) is
+    // not the answer to this request.
+    if (service_id != 0x3E && length == 2 && buffer[0] == 0x7E) {
+      const bool in_time =
+          !receiver->now_ms || receiver->now_ms(receiver->context) - start_ms < VXCLI_UDS_PENDING_MAX_MS;
+      if (++skipped <= VXCLI_UDS_PENDING_MAX_RECEPTIONS && in_time) continue;
+      result->status = 0x80000;  // as a link timeout
+      return;
+    }
     result->length = length;
     result->receptions++;
     if (!vxcli_uds_is_pending(buffer, length, service_id)) return;

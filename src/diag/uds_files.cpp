@@ -121,7 +121,10 @@ int vxcli_uds_list_command(int count, char** words) {
   printf("%zu UDS service(s) from %s\n", services.size(), source.c_str());
   for (const auto& s : services) {
     std::string req = vxcli_uds_hex(&s.id, 1);
-    if (!s.data.empty()) req += " " + vxcli_uds_hex(s.data.data(), s.data.size());
+    if (!s.data.empty()) {
+      req += ' ';
+      req += vxcli_uds_hex(s.data.data(), s.data.size());
+    }
     printf("  %-32s %-10s %-12s %s%s%s\n", s.name.c_str(), s.alias.c_str(), req.c_str(),
            s.description.c_str(), s.params.empty() ? "" : " -- params: ", s.params.c_str());
   }

@@ -39,7 +39,8 @@ void write_header(BLFWriter* w) {
   header[15] = 1;
   wr64(header + 16, position);
   wr64(header + 24, position);
-  wr32(header + 32, w->object_count);
+  // Only objects in written containers: the header names what the file holds.
+  wr32(header + 32, w->object_count - w->open_objects);
   uint16_t times[8];
   vxcli_blf_calendar_time(w->start_ns, times);
   for (int i = 0; i < 8; i++) wr16(header + 40 + 2 * i, times[i]);
@@ -91,6 +92,7 @@ void flush(BLFWriter* w) {
   w->batch_used += w->used + 32 + pad;
   w->total_bytes += w->used + 32;
   w->used = 0;
+  w->open_objects = 0;
 }
 
 // After a container flush: write the batch when it is the first container,
@@ -127,6 +129,7 @@ inline uint8_t* reserve(BLFWriter* w, uint32_t type, uint32_t length, uint64_t t
   memset(p + 32, 0, length + pad);
   w->used += 32 + length + pad;
   w->object_count++;
+  w->open_objects++;
   return p + 32;
 }
 
@@ -208,6 +211,12 @@ void destroy_blf_writer(BLFWriter* writer) {
   }
   free(writer->batch);
   free(writer);
+}
+
+void blf_writer_sync(BLFWriter* writer, bool close_container) {
+  if (!writer || !writer->file.fp) return;
+  if (close_container) flush(writer);
+  if (writer->batch_used) write_batch(writer);
 }
 
 void on_can_message_received(BLFWriter* w, uint64_t ts_ns, uint32_t id, const uint8_t* data,

@@ -27,6 +27,7 @@ struct BLFWriter {
   uint32_t batch_used;
   uint32_t batches_written;
   uint64_t batch_since_ns;  // monotonic time of the last batch write
+  uint32_t open_objects;    // of object_count, those still in buffer
   int32_t failed;           // a write failed; nothing more is written
 };
 
@@ -34,6 +35,12 @@ BLFWriter* create_blf_writer(const char* path, int32_t channel_selector, uint64_
 BLFWriter* create_blf_writer_default(const char* path, uint64_t start_ns);
 // Flushes, rewrites the header, closes and frees; null is accepted.
 void destroy_blf_writer(BLFWriter* writer);
+// Writes the completed containers still held back for a batched write, then
+// the header. The open container stays in memory until it is full unless
+// close_container is set. A long-running logger syncs after each round of
+// frames, so that the file keeps up without shrinking containers, and closes
+// the container when traffic pauses, so that a quiet bus is on disk too.
+void blf_writer_sync(BLFWriter* writer, bool close_container);
 
 // channel_index is 0-based. Type 73 when error, else 100 when fd, else 1.
 void on_can_message_received(BLFWriter* writer, uint64_t ts_ns, uint32_t id, const uint8_t* data,

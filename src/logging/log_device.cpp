@@ -48,7 +48,9 @@ void vxcli_log_frame_to_lin_message(const vxcli_log_frame* f, VXLinMessage* out)
   out->control = (uint8_t)(length | VX_LIN_CTRL_MASTER_DATA |
                            (f->lin_enhanced ? VX_LIN_CTRL_ENHANCED : 0));
   memcpy(out->data, f->data, (size_t)length);
+  // The recorded checksum goes out as it was on the bus, wrong ones included.
   out->checksum = f->lin_checksum;
+  out->flags = VX_LIN_FLAG_OWN_CHECKSUM;
 }
 
 uint64_t vxcli_message_time_ns(VXHandle channel_handle, const VXMessage* message) {

@@ -14,7 +14,8 @@ int vxcli_log_frame_from_message(const VXMessage* message, int channel_number,
                                  vxcli_log_frame* out);
 // A CAN frame as the record VX_WriteCanMessage takes (up to 64 data bytes).
 void vxcli_log_frame_to_message(const vxcli_log_frame* frame, VXMessage* out);
-// A LIN frame as the record VX_WriteLinMessage takes, the master supplying the data.
+// A LIN frame as the record VX_WriteLinMessage takes, the master supplying the
+// data and the recorded checksum byte.
 void vxcli_log_frame_to_lin_message(const vxcli_log_frame* frame, VXLinMessage* out);
 
 // Absolute time of a record in ns: the library's PTP time when a channel is

@@ -17,6 +17,7 @@
 #include "logging/commands.h"
 #include "logging/log_channels.h"
 #include "logging/log_device.h"
+#include "logging/log_output.h"
 
 std::atomic<int> g_logging_running{0};
 
@@ -79,23 +80,18 @@ int hardware_logging(const char* channel_text, const char* bitrate_text, bool st
   return 1;
 }
 
-struct Pending {
-  uint64_t ns;
-  int channel;
-  VXMessage message;
-};
 const size_t kRoundLimit = 4096;
 
 // Reads what every live channel holds; true when anything was found.
 bool collect_pass(vxcli_log_channel* channels, int opened, bool* alive, int* living,
-                  std::vector<Pending>* pending) {
+                  std::vector<vxcli_log_record>* pending) {
   bool found = false;
   for (int i = 0; i < opened; i++) {
     if (!alive[i]) continue;
-    Pending p;
-    p.channel = i;
+    vxcli_log_record r;
+    r.logical = channels[i].logical;
     while (pending->size() < kRoundLimit) {
-      VXStatus status = VX_Read(channels[i].handle, &p.message, 0, nullptr);
+      VXStatus status = VX_Read(channels[i].handle, &r.message, 0, nullptr);
       if (status == VX_ERR_QUEUE_EMPTY) break;
       if (status == VX_ERR_QUEUE_OVERRUN) {
         vxcli_print_warning("receive queue overrun on channel %d; frames were lost",
@@ -109,18 +105,13 @@ bool collect_pass(vxcli_log_channel* channels, int opened, bool* alive, int* liv
         (*living)--;
         break;
       }
-      p.ns = vxcli_message_time_ns(channels[i].handle, &p.message);
-      pending->push_back(p);
+      r.ns = vxcli_message_time_ns(channels[i].handle, &r.message);
+      pending->push_back(r);
       found = true;
     }
   }
   return found;
 }
-
-struct Output {
-  vxcli_asc_writer* asc = nullptr;
-  vxcli_blf_handle* blf = nullptr;
-};
 
 }  // namespace
 
@@ -186,29 +177,19 @@ int vxcli_logging_start_command(int count, char** words) {
     return 1;
   }
 
-  Output out;
-  if (blf) {
-    out.blf = vxcli_blf_open(output, start_ns);
-    if (!out.blf) {
-      vxcli_log_close_channels(channels, opened);
-      vxcli_print_error("Failed to create file: %s", output);
-      return 1;
-    }
-  } else {
-    vxcli_asc_channel_label labels[kMaxLogChannels];
-    char serials[kMaxLogChannels][32];
-    for (int i = 0; i < opened; i++) {
-      vxcli_render_serial(channels[i].info.serial, serials[i], sizeof serials[i]);
-      labels[i] = {channels[i].logical, serials[i], channels[i].info.port};
-    }
-    char message[1200];
-    out.asc = vxcli_asc_open(output, (time_t)(start_ns / 1000000000ULL), labels, opened, message,
-                             sizeof message);
-    if (!out.asc) {
-      vxcli_log_close_channels(channels, opened);
-      vxcli_print_error("%s", message);
-      return 1;
-    }
+  vxcli_asc_channel_label labels[kMaxLogChannels];
+  char serials[kMaxLogChannels][32];
+  for (int i = 0; i < opened; i++) {
+    vxcli_render_serial(channels[i].info.serial, serials[i], sizeof serials[i]);
+    labels[i] = {channels[i].logical, serials[i], channels[i].info.port};
+  }
+  char message[1200];
+  vxcli_log_output* out =
+      vxcli_log_output_open(output, blf, start_ns, labels, opened, message, sizeof message);
+  if (!out) {
+    vxcli_log_close_channels(channels, opened);
+    vxcli_print_error("%s", message);
+    return 1;
   }
   if (!json_output())
     printf("Software logging started: %d channel(s) -> %s (%s)\n", opened, output,
@@ -233,30 +214,10 @@ int vxcli_logging_start_command(int count, char** words) {
   unsigned captured = 0;
   bool write_failed = false;
   int living = opened;
-  // What one round of reads collected, written in time order so that the
-  // channels interleave in the file as they did on the bus.
-  std::vector<Pending> pending;
+  // What one round of reads collected; the output interleaves the channels
+  // in time order, as they were on the bus.
+  std::vector<vxcli_log_record> pending;
   pending.reserve(kRoundLimit);
-  auto write_pending = [&]() {
-    std::stable_sort(pending.begin(), pending.end(),
-                     [](const Pending& a, const Pending& b) { return a.ns < b.ns; });
-    for (const Pending& p : pending) {
-      if (write_failed) break;
-      const vxcli_log_channel& ch = channels[p.channel];
-      int written;
-      if (out.blf) {
-        written = vxcli_blf_write(out.blf, ch.handle, &p.message, ch.logical, 2, 0);
-      } else {
-        vxcli_log_frame frame;
-        if (!vxcli_log_frame_from_message(&p.message, ch.logical, &frame)) continue;
-        double seconds = p.ns > start_ns ? (double)(p.ns - start_ns) / 1e9 : 0.0;
-        written = vxcli_asc_write(out.asc, seconds, &frame);
-      }
-      if (written < 0) write_failed = true;
-      else if (written > 0) captured++;
-    }
-    pending.clear();
-  };
   while (g_logging_running.load() && living > 0 && !write_failed) {
     if (deadline && clock_ns(CLOCK_MONOTONIC) >= deadline) break;
     VX_WaitForNotifications(notify, (uint32_t)opened, 50);
@@ -264,12 +225,19 @@ int vxcli_logging_start_command(int count, char** words) {
     // then predates every frame left, whichever channel it came on.
     while (collect_pass(channels, opened, alive, &living, &pending) && pending.size() < kRoundLimit) {
     }
-    write_pending();
-    if (out.asc && vxcli_asc_flush(out.asc) != 0) write_failed = true;
+    long written = vxcli_log_output_write(out, pending.data(), pending.size());
+    pending.clear();
+    if (written < 0 || vxcli_log_output_flush(out) != 0) write_failed = true;
+    else captured += (unsigned)written;
   }
   sigaction(SIGINT, &previous, nullptr);
   g_logging_running = 0;
-  int closed = out.blf ? vxcli_blf_close(out.blf) : vxcli_asc_close(out.asc);
+  if (!write_failed) {
+    long rest = vxcli_log_output_write_all(out);
+    if (rest < 0) write_failed = true;
+    else captured += (unsigned)rest;
+  }
+  int closed = vxcli_log_output_close(out);
   vxcli_log_close_channels(channels, opened);
   if (write_failed || closed != 0) {
     vxcli_print_error("Failed to write %s; %u messages captured before the failure", output,

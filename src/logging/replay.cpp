@@ -146,10 +146,11 @@ int vxcli_replay_run(vxcli_replay_input* input, const vxcli_replay_plan* plan,
                      const vxcli_replay_sink* sink, vxcli_replay_result* result) {
   memset(result, 0, sizeof *result);
   FILE* log = sink->log ? sink->log : stderr;
+  const char* prefix = sink->log_prefix ? sink->log_prefix : "";
   vxcli_replay_record record;
   for (;;) {
     if (vxcli_replay_input_rewind(input) != 0) {
-      fprintf(log, "Failed to rewind replay input: %s\n", input->path);
+      fprintf(log, "%sFailed to rewind replay input: %s\n", prefix, input->path);
       result->errors++;
       return -1;
     }
@@ -161,15 +162,15 @@ int vxcli_replay_run(vxcli_replay_input* input, const vxcli_replay_plan* plan,
       int rc = vxcli_replay_input_next(input, &record);
       if (rc == 0) break;
       if (rc < 0) {
-        fprintf(log, "Malformed or unsupported replay record in %s\n", input->path);
+        fprintf(log, "%sMalformed or unsupported replay record in %s\n", prefix, input->path);
         result->errors++;
         malformed = true;
         break;
       }
       int number = (int)input->records;
       if (record.is_lin && !sink->send_lin) {
-        fprintf(log, "LIN replay requires a daemon-opened LIN channel; skipping record %d\n",
-                number);
+        fprintf(log, "%sLIN replay requires a daemon-opened LIN channel; skipping record %d\n",
+                prefix, number);
         result->errors++;
         continue;
       }
@@ -179,8 +180,8 @@ int vxcli_replay_run(vxcli_replay_input* input, const vxcli_replay_plan* plan,
         if (counted) {
           result->errors++;
           if (plan->verbose)
-            fprintf(log, "recorded channel %d not in map (strict), skipping record %d\n",
-                    record.channel, number);
+            fprintf(log, "%srecorded channel %d not in map (strict), skipping record %d\n",
+                    prefix, record.channel, number);
         }
         continue;
       }
@@ -190,16 +191,17 @@ int vxcli_replay_run(vxcli_replay_input* input, const vxcli_replay_plan* plan,
       uint32_t status = record.is_lin ? sink->send_lin(sink->context, destination, &record)
                                       : sink->send(sink->context, destination, &record);
       if (status != 0) {
+        if (!running(sink)) break;  // cut short by a stop, not a fault of the trace
         result->errors++;
         if (plan->verbose)
-          fprintf(log, "Send failed record %d: %s (0x%X)\n", number,
+          fprintf(log, "%sSend failed record %d: %s (0x%X)\n", prefix, number,
                   vxcli_status_to_string(status), status);
         continue;
       }
       result->sent++;
       if (plan->verbose) {
         int dlc = record.dlc & 0x0F;
-        fprintf(log, "TX ASCch%d ID=0x%03X DLC=%d [", record.channel, record.id, dlc);
+        fprintf(log, "%sTX ASCch%d ID=0x%03X DLC=%d [", prefix, record.channel, record.id, dlc);
         int n = record.is_lin ? record.length : vxcli_dlc_to_bytes(dlc);
         for (int i = 0; i < n && i < 64; i++) fprintf(log, "%02X ", record.data[i]);
         fprintf(log, "]\n");

@@ -68,6 +68,7 @@ struct vxcli_replay_sink {
   void (*sleep_us)(void* context, int64_t microseconds);
   std::atomic<int>* running;  // cleared to stop after the record in hand
   FILE* log;                  // diagnostics (stderr when null)
+  const char* log_prefix;     // put before each diagnostic line (null: none)
 };
 
 struct vxcli_replay_result {

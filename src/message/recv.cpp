@@ -14,6 +14,7 @@
 #include "message/message.h"
 #include "message/message_dbc.h"
 #include "message/options.h"
+#include "message/recv.h"
 
 volatile sig_atomic_t g_recv_running = 0;
 
@@ -44,40 +45,12 @@ struct Capture {
   VXHandle handles[kMaxChannels];
   VXNotifyHandle notify[kMaxChannels];
   int open;
-  uint32_t bus;
-  bool filter;
-  uint32_t filter_id;
-  uint32_t filter_mask;
-  long count;
-  const DbcLoadedFile* database;
-  bool decode;
-  // Running 64-bit device time built from the 32-bit clock, and the first frame's time.
-  bool have_time;
-  uint32_t last_timestamp;
-  uint64_t clock_us;
-  uint64_t first_us;
-  long received;
-  long errors;
-  bool overflow;
-  vxcli_json_writer line;      // one formatted frame
-  vxcli_json_writer document;  // json: the whole answer
+  vxcli_recv_printer printer;
 };
-
-bool parse_seconds(const char* text, double* out) {
-  if (!text) {
-    *out = 0;
-    return true;
-  }
-  char* end = nullptr;
-  double value = strtod(text, &end);
-  if (!*text || end == text || *end || !std::isfinite(value) || value < 0) return false;
-  *out = value;
-  return true;
-}
 
 // Device time of a record on one continuous clock. Channels are aligned beforehand, so
 // a signed difference to the previous record tolerates both wrap and slight reordering.
-uint64_t unwrap_time(Capture& c, uint32_t timestamp) {
+uint64_t unwrap_time(vxcli_recv_printer& c, uint32_t timestamp) {
   if (!c.have_time) {
     c.have_time = true;
     c.last_timestamp = timestamp;
@@ -89,6 +62,18 @@ uint64_t unwrap_time(Capture& c, uint32_t timestamp) {
   c.last_timestamp = timestamp;
   c.clock_us += delta;
   return c.clock_us;
+}
+
+bool parse_seconds(const char* text, double* out) {
+  if (!text) {
+    *out = 0;
+    return true;
+  }
+  char* end = nullptr;
+  double value = strtod(text, &end);
+  if (!*text || end == text || *end || !std::isfinite(value) || value < 0) return false;
+  *out = value;
+  return true;
 }
 
 int open_can_channels(Capture& c, const VXChannelInfo* const* entries, int n,
@@ -144,79 +129,17 @@ int open_lin_channels(Capture& c, const VXChannelInfo* const* entries, int n,
   return 0;
 }
 
-void emit(Capture& c) {
-  if (g_config.format == VXCLI_FORMAT_JSON) return;
-  fwrite(vxcli_json_writer_data(&c.line), 1, vxcli_json_writer_length(&c.line), stdout);
-}
-
 // One record from channel slot index: filter, count and print. False stops the capture.
 bool handle_record(Capture& c, int index, const VXMessage& m) {
-  bool can = vxcli_message_is_can(&m);
-  bool lin = vxcli_message_is_lin(&m);
-  if (!(c.bus == VXCLI_BUS_CAN ? can : lin)) return true;
-  uint64_t device_time = unwrap_time(c, m.timestamp);
-
-  vxcli_can_frame can_frame;
-  vxcli_lin_frame lin_frame;
-  uint32_t id;
-  if (can) {
-    vxcli_can_frame_from_message(&m, &can_frame);
-    id = can_frame.id;
-  } else {
-    vxcli_lin_frame_from_message(&m, &lin_frame);
-    id = lin_frame.id;
-  }
-  if (c.filter && ((id ^ c.filter_id) & c.filter_mask) != 0) return true;
-
-  if (c.received == 0) {
-    c.first_us = device_time;
-    if (g_config.format == VXCLI_FORMAT_CSV)
-      fputs(can ? vxcli_can_csv_header : vxcli_lin_csv_header, stdout);
-  }
-  c.received++;
-  uint64_t relative = device_time > c.first_us ? device_time - c.first_us : 0;
-
-  vxcli_frame_print_options options = {g_config.format, c.open > 1, index, nullptr};
-  char decoded[4096];
-  if (can && c.decode && g_config.format != VXCLI_FORMAT_CSV) {
-    int bytes = (can_frame.flags & VXCLI_FRAME_RTR) ? 0 : vxcli_dlc_to_bytes(can_frame.dlc);
-    bool text = g_config.format == VXCLI_FORMAT_TEXT;
-    if (vxcli_message_dbc_decode(c.database, can_frame.id, can_frame.data, bytes, text, decoded,
-                                 sizeof decoded) == 0)
-      options.decoded = decoded;
-  }
-
-  if (g_config.format == VXCLI_FORMAT_JSON) {
-    if (c.received > 1) vxcli_json_writer_char(&c.document, ',');
-    if (can) vxcli_format_can_frame(&c.document, &can_frame, relative, &options);
-    else vxcli_format_lin_frame(&c.document, &lin_frame, relative, &options);
-    if (!vxcli_json_writer_ok(&c.document)) {
-      c.overflow = true;
-      return false;
-    }
-    return true;
-  }
-  c.line.length = 0;
-  int rc = can ? vxcli_format_can_frame(&c.line, &can_frame, relative, &options)
-               : vxcli_format_lin_frame(&c.line, &lin_frame, relative, &options);
-  if (rc != 0) {
-    // A frame too large for the line buffer cannot happen short of a broken decoder;
-    // start over with a fresh buffer rather than lose the rest of the capture.
-    vxcli_json_writer_free(&c.line);
-    vxcli_json_writer_init(&c.line, 1024, 0x100000);
-    c.errors++;
-    return true;
-  }
-  if (can && options.decoded && g_config.format == VXCLI_FORMAT_TEXT) {
-    vxcli_json_writer_raw(&c.line, "    ");
-    vxcli_json_writer_raw(&c.line, decoded);
-    vxcli_json_writer_char(&c.line, '\n');
-  }
-  emit(c);
+  vxcli_recv_printer& p = c.printer;
+  int rc = vxcli_recv_printer_add(&p, index, &m);
+  if (rc < 0) return false;
+  if (rc > 0 && g_config.format != VXCLI_FORMAT_JSON)
+    fwrite(vxcli_json_writer_data(&p.line), 1, vxcli_json_writer_length(&p.line), stdout);
   return true;
 }
 
-bool count_reached(const Capture& c) { return c.count > 0 && c.received >= c.count; }
+bool count_reached(const Capture& c) { return vxcli_recv_printer_count_reached(&c.printer); }
 
 void capture(Capture& c, uint64_t duration_ms) {
   uint64_t start = vxcli_message_monotonic_ms();
@@ -238,7 +161,7 @@ void capture(Capture& c, uint64_t duration_ms) {
     uint32_t st = VX_WaitForNotificationsEx(notify, static_cast<uint32_t>(n), wait, &which);
     if (st == VX_ERR_QUEUE_EMPTY) continue;
     if (st != VX_OK) {
-      c.errors++;
+      c.printer.errors++;
       vxcli_message_sleep_ms(10);
       continue;
     }
@@ -250,7 +173,7 @@ void capture(Capture& c, uint64_t duration_ms) {
       uint32_t rs = VX_Read(c.handles[slot], &m, 0, nullptr);
       if (rs == VX_ERR_QUEUE_EMPTY) break;
       if (rs != VX_OK) {
-        c.errors++;
+        c.printer.errors++;
         if (rs == VX_ERR_QUEUE_OVERRUN) continue;
         break;
       }
@@ -265,21 +188,12 @@ void capture(Capture& c, uint64_t duration_ms) {
 }
 
 void print_json_document(Capture& c) {
-  vxcli_json_writer_printf(&c.document, "],\"received\":%ld,\"errors\":%ld,\"channels\":%d,",
-                           c.received, c.errors, c.open);
-  if (c.received > 0) {
-    vxcli_json_writer_raw(&c.document, "\"status\":\"ok\"}\n");
-  } else {
-    vxcli_json_writer_raw(&c.document,
-                          "\"status\":\"error\",\"message\":\"No messages received\",\"error\":{"
-                          "\"code\":\"no_messages_received\",\"message\":\"No messages received\","
-                          "\"details\":{},\"retryable\":true}}\n");
-  }
-  if (!vxcli_json_writer_ok(&c.document)) {
+  if (vxcli_recv_printer_finish_json(&c.printer, c.open) != 0) {
     vxcli_print_error_code("response_too_large", "Receive result exceeded the 10 MiB JSON limit");
     return;
   }
-  fwrite(vxcli_json_writer_data(&c.document), 1, vxcli_json_writer_length(&c.document), stdout);
+  fwrite(vxcli_json_writer_data(&c.printer.document), 1,
+         vxcli_json_writer_length(&c.printer.document), stdout);
 }
 
 int read_options(int count, char** words, RecvOptions* o) {
@@ -304,11 +218,113 @@ int read_options(int count, char** words, RecvOptions* o) {
 void close_all(Capture& c) {
   for (int i = 0; i < kMaxChannels; i++)
     if (c.handles[i]) VX_Close(c.handles[i]);
-  vxcli_json_writer_free(&c.line);
-  vxcli_json_writer_free(&c.document);
+  vxcli_recv_printer_free(&c.printer);
 }
 
 }  // namespace
+
+int vxcli_recv_printer_init(vxcli_recv_printer* p, uint32_t format, size_t json_limit) {
+  memset(p, 0, sizeof *p);
+  p->format = format;
+  p->filter_mask = 0x7FF;
+  if (vxcli_json_writer_init(&p->line, 1024, 0x100000) != 0 ||
+      (format == VXCLI_FORMAT_JSON && vxcli_json_writer_init(&p->document, 64 * 1024, json_limit) != 0)) {
+    vxcli_recv_printer_free(p);
+    return -1;
+  }
+  if (format == VXCLI_FORMAT_JSON) vxcli_json_writer_raw(&p->document, "{\"messages\":[");
+  return 0;
+}
+
+void vxcli_recv_printer_free(vxcli_recv_printer* p) {
+  vxcli_json_writer_free(&p->line);
+  vxcli_json_writer_free(&p->document);
+}
+
+bool vxcli_recv_printer_count_reached(const vxcli_recv_printer* p) {
+  return p->count > 0 && p->received >= p->count;
+}
+
+int vxcli_recv_printer_add(vxcli_recv_printer* p, int index, const VXMessage* m) {
+  bool can = vxcli_message_is_can(m);
+  bool lin = vxcli_message_is_lin(m);
+  if (!(can || lin)) return 0;
+  if (p->bus && !(p->bus == VXCLI_BUS_CAN ? can : lin)) return 0;
+  uint64_t device_time = unwrap_time(*p, m->timestamp);
+
+  vxcli_can_frame can_frame;
+  vxcli_lin_frame lin_frame;
+  uint32_t id;
+  if (can) {
+    vxcli_can_frame_from_message(m, &can_frame);
+    id = can_frame.id;
+  } else {
+    vxcli_lin_frame_from_message(m, &lin_frame);
+    id = lin_frame.id;
+  }
+  if (p->filter && ((id ^ p->filter_id) & p->filter_mask) != 0) return 0;
+
+  const bool json = p->format == VXCLI_FORMAT_JSON;
+  if (!json) p->line.length = 0;
+  if (p->received == 0) p->first_us = device_time;
+  if (p->format == VXCLI_FORMAT_CSV && !(can ? p->can_header : p->lin_header)) {
+    vxcli_json_writer_raw(&p->line, can ? vxcli_can_csv_header : vxcli_lin_csv_header);
+    (can ? p->can_header : p->lin_header) = true;
+  }
+  p->received++;
+  uint64_t relative = device_time > p->first_us ? device_time - p->first_us : 0;
+
+  vxcli_frame_print_options options = {p->format, p->channel_prefix ? 1 : 0, index, nullptr};
+  char decoded[4096];
+  if (can && p->decode && p->format != VXCLI_FORMAT_CSV) {
+    int bytes = (can_frame.flags & VXCLI_FRAME_RTR) ? 0 : vxcli_dlc_to_bytes(can_frame.dlc);
+    bool text = p->format == VXCLI_FORMAT_TEXT;
+    if (vxcli_message_dbc_decode(p->database, can_frame.id, can_frame.data, bytes, text, decoded,
+                                 sizeof decoded) == 0)
+      options.decoded = decoded;
+  }
+
+  if (json) {
+    if (p->received > 1) vxcli_json_writer_char(&p->document, ',');
+    if (can) vxcli_format_can_frame(&p->document, &can_frame, relative, &options);
+    else vxcli_format_lin_frame(&p->document, &lin_frame, relative, &options);
+    if (!vxcli_json_writer_ok(&p->document)) {
+      p->overflow = true;
+      return -1;
+    }
+    return 1;
+  }
+  int rc = can ? vxcli_format_can_frame(&p->line, &can_frame, relative, &options)
+               : vxcli_format_lin_frame(&p->line, &lin_frame, relative, &options);
+  if (rc != 0) {
+    // A frame too large for the line buffer cannot happen short of a broken decoder;
+    // start over with a fresh buffer rather than lose the rest of the capture.
+    vxcli_json_writer_free(&p->line);
+    vxcli_json_writer_init(&p->line, 1024, 0x100000);
+    p->errors++;
+    return 0;
+  }
+  if (can && options.decoded && p->format == VXCLI_FORMAT_TEXT) {
+    vxcli_json_writer_raw(&p->line, "    ");
+    vxcli_json_writer_raw(&p->line, decoded);
+    vxcli_json_writer_char(&p->line, '\n');
+  }
+  return 1;
+}
+
+int vxcli_recv_printer_finish_json(vxcli_recv_printer* p, int channels) {
+  vxcli_json_writer_printf(&p->document, "],\"received\":%ld,\"errors\":%ld,\"channels\":%d,",
+                           p->received, p->errors, channels);
+  if (p->received > 0) {
+    vxcli_json_writer_raw(&p->document, "\"status\":\"ok\"}\n");
+  } else {
+    vxcli_json_writer_raw(&p->document,
+                          "\"status\":\"error\",\"message\":\"No messages received\",\"error\":{"
+                          "\"code\":\"no_messages_received\",\"message\":\"No messages received\","
+                          "\"details\":{},\"retryable\":true}}\n");
+  }
+  return vxcli_json_writer_ok(&p->document) ? 0 : -1;
+}
 
 int vxcli_message_recv_command(int count, char** words) {
   if (vxcli_message_refuse_legacy_options(count, words)) return 1;
@@ -330,17 +346,16 @@ int vxcli_message_recv_command(int count, char** words) {
   }
   static Capture c;
   memset(&c, 0, sizeof c);
-  c.count = frames;
-  c.decode = o.decode;
-  c.filter_mask = 0x7FF;
+  bool filter = false;
+  uint32_t filter_id = 0, filter_mask = 0x7FF;
   if (o.id) {
     long id = vxcli_parse_message_id_quiet(o.id, nullptr);
     if (id < 0 || id > 0x1FFFFFFF) {
       vxcli_print_error("Invalid --id: %s", o.id);
       return 1;
     }
-    c.filter = true;
-    c.filter_id = static_cast<uint32_t>(id);
+    filter = true;
+    filter_id = static_cast<uint32_t>(id);
   }
   if (o.mask) {
     long mask = vxcli_parse_message_id_quiet(o.mask, nullptr);
@@ -348,7 +363,7 @@ int vxcli_message_recv_command(int count, char** words) {
       vxcli_print_error("Invalid --mask: %s", o.mask);
       return 1;
     }
-    c.filter_mask = static_cast<uint32_t>(mask);
+    filter_mask = static_cast<uint32_t>(mask);
   }
 
   vxcli_channel_spec specs[kMaxChannels];
@@ -391,15 +406,16 @@ int vxcli_message_recv_command(int count, char** words) {
         "captures");
     return 1;
   }
-  c.bus = has_lin ? VXCLI_BUS_LIN : VXCLI_BUS_CAN;
+  const uint32_t bus = has_lin ? VXCLI_BUS_LIN : VXCLI_BUS_CAN;
   if (has_lin && o.decode) {
     vxcli_print_error("--decode is available only on CAN channels");
     return 1;
   }
+  const DbcLoadedFile* database = nullptr;
   if (o.decode) {
     char reason[320];
-    c.database = vxcli_message_dbc_open(o.database, reason, sizeof reason);
-    if (!c.database) {
+    database = vxcli_message_dbc_open(o.database, reason, sizeof reason);
+    if (!database) {
       vxcli_print_error("--decode needs a DBC database: %s", *reason ? reason : "none resolved");
       return 1;
     }
@@ -409,16 +425,19 @@ int vxcli_message_recv_command(int count, char** words) {
     return 1;
   }
 
-  if (vxcli_json_writer_init(&c.line, 1024, 0x100000) != 0 ||
-      (g_config.format == VXCLI_FORMAT_JSON &&
-       vxcli_json_writer_init(&c.document, 64 * 1024, kJsonLimit) != 0)) {
-    close_all(c);
+  if (vxcli_recv_printer_init(&c.printer, g_config.format, kJsonLimit) != 0) {
     vxcli_print_error_code("out_of_memory", "Unable to allocate bounded receive output");
     return 1;
   }
-  if (g_config.format == VXCLI_FORMAT_JSON) vxcli_json_writer_raw(&c.document, "{\"messages\":[");
+  c.printer.bus = bus;
+  c.printer.count = frames;
+  c.printer.filter = filter;
+  c.printer.filter_id = filter_id;
+  c.printer.filter_mask = filter_mask;
+  c.printer.decode = o.decode;
+  c.printer.database = database;
 
-  int rc = c.bus == VXCLI_BUS_CAN ? open_can_channels(c, entries, n, o)
+  int rc = bus == VXCLI_BUS_CAN ? open_can_channels(c, entries, n, o)
                                   : open_lin_channels(c, entries, n, o);
   if (rc != 0) {
     close_all(c);
@@ -461,21 +480,22 @@ int vxcli_message_recv_command(int count, char** words) {
     fprintf(stderr, "Receiving on %d channel(s) (duration=%ss, count=%s)\n", c.open,
             duration > 0 ? o.duration : "infinite", frames > 0 ? o.count : "infinite");
 
+  c.printer.channel_prefix = c.open > 1;
   capture(c, static_cast<uint64_t>(std::llround(duration * 1000.0)));
 
   g_recv_running = 0;
   sigaction(SIGINT, &old_int, nullptr);
   sigaction(SIGTERM, &old_term, nullptr);
 
-  int status = c.received > 0 ? 0 : 1;
+  int status = c.printer.received > 0 ? 0 : 1;
   if (g_config.format == VXCLI_FORMAT_JSON) {
-    if (c.overflow) {
+    if (c.printer.overflow) {
       vxcli_print_error_code("response_too_large", "Receive result exceeded the 10 MiB JSON limit");
       status = 1;
     } else {
       print_json_document(c);
     }
-  } else if (c.received == 0 && frames > 0) {
+  } else if (c.printer.received == 0 && frames > 0) {
     printf("No messages received (count=%ld not reached in %ss)\n", frames,
            duration > 0 ? o.duration : "infinite");
   }

@@ -269,7 +269,7 @@ TEST_F(UdsCommands, DtcOptionCheck) {
 }
 
 TEST_F(UdsCommands, DiscoverFindsResponder) {
-  Outcome r = run(vxcli_uds_discover_command, {"--channel=10356/1", "--first-id=0x7E0", "--last-id=0x7E7"}, false);
+  Outcome r = run(vxcli_uds_discover_command, {"--channel=10356/1", "--start-id=0x7E0", "--end-id=0x7E7"}, false);
   EXPECT_EQ(r.rc, 0) << r.err;
   EXPECT_NE(r.out.find("1 responder(s)"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("reqid=0x7E3 respid=0x7EB response: 7E 00"), std::string::npos) << r.out;

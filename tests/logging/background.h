@@ -2,7 +2,10 @@
 // its output in files, so the test can signal it and wait for it.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +18,27 @@
 #include "vxtest.h"
 
 namespace logtest {
+
+// A loopback port nobody listens on right now (the kernel's pick).
+inline int free_port() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t n = sizeof a;
+  int port = 0;
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n) == 0)
+    port = ntohs(a.sin_port);
+  if (fd >= 0) close(fd);
+  return port ? port : 20000 + getpid() % 20000;
+}
+
+// A sandbox whose commands run standalone: its daemon port is a free one, so
+// no daemon of anyone else's takes the commands.
+struct StandaloneBox : vxtest::Sandbox {
+  StandaloneBox() { env()["VXCLI_DAEMON_PORT"] = std::to_string(free_port()); }
+};
 
 class Background {
  public:

@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -187,6 +189,24 @@ inline void expect_same_frames(const std::vector<vxcli_log_frame>& got,
   ASSERT_EQ(got.size(), want.size());
   for (size_t i = 0; i < got.size(); i++)
     EXPECT_EQ(describe(got[i], bus), describe(want[i], bus)) << "frame " << i;
+}
+
+// Gaps between neighbours in the capture against the source: the long pause
+// exactly, and the typical gap within a couple of milliseconds.
+inline void expect_retained_timing(const std::vector<vxcli_log_frame>& got,
+                            const std::vector<vxcli_log_frame>& want, double scale = 1.0) {
+  ASSERT_EQ(got.size(), want.size());
+  std::vector<double> errors;
+  double longest = 0, longest_got = 0;
+  for (size_t i = 1; i < got.size(); i++) {
+    double a = got[i].time - got[i - 1].time;
+    double b = (want[i].time - want[i - 1].time) / scale;
+    errors.push_back(std::fabs(a - b));
+    if (b > longest) longest = b, longest_got = a;
+  }
+  std::sort(errors.begin(), errors.end());
+  EXPECT_LT(errors[errors.size() / 2], 0.002) << "median gap error";
+  EXPECT_NEAR(longest_got, longest, 0.02) << "longest gap";
 }
 
 }  // namespace logtest

@@ -1,6 +1,7 @@
 // Files written here are read by Debian's python3-can, an independent reader.
 #include <sstream>
 
+#include "background.h"
 #include "log_test.h"
 #include "logging/asc.h"
 #include "logging/blf_writer.h"
@@ -53,7 +54,8 @@ void compare(const std::string& output, const std::vector<vxcli_log_frame>& fram
   EXPECT_EQ(i, want.size()) << output;
 }
 
-void check_with_python(const std::string& kind, const std::string& path) {
+void check_with_python(const std::string& kind, const std::string& path,
+                       const std::vector<vxcli_log_frame>& frames = logtest::sample_frames()) {
   if (system("/usr/bin/python3 -c 'import can' >/dev/null 2>&1") != 0)
     GTEST_SKIP() << "python3-can is not installed";
   logtest::TempDir dir;
@@ -66,7 +68,7 @@ void check_with_python(const std::string& kind, const std::string& path) {
   char buf[4096];
   for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
   pclose(p);
-  compare(out, logtest::sample_frames(), kind == "asc");
+  compare(out, frames, kind == "asc");
 }
 
 }  // namespace
@@ -91,4 +93,28 @@ TEST(PythonCan, ReadsOurAsc) {
   for (const auto& f : logtest::sample_frames()) ASSERT_EQ(vxcli_asc_write(w, f.time, &f), 1);
   ASSERT_EQ(vxcli_asc_close(w), 0);
   check_with_python("asc", path);
+}
+
+// What "logging start" records, in both formats, reads the same in python-can
+// as in our reader.
+TEST(PythonCan, ReadsWhatLoggingStartWrote) {
+  logtest::StandaloneBox box;
+  std::string source = vxtest::testdata("interop/pycan_stored.blf");
+  for (const std::string kind : {"blf", "asc"}) {
+    SCOPED_TRACE(kind);
+    std::string path = box.path("capture." + kind);
+    logtest::Background logger(box, {"logging", "start", "--channel=10357/0,10357/1",
+                                     "--output=" + path, "--format=" + kind},
+                               "logger-" + kind);
+    ASSERT_TRUE(logger.wait_for_output("Software logging started")) << logger.err();
+    auto r = box.vxcli({"replay", "start", "--channel=10356/0,10356/1", "--file=" + source,
+                        "--ignore-timestamp"});
+    ASSERT_EQ(r.rc, 0) << r.err;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    logger.signal(SIGINT);
+    ASSERT_EQ(logger.wait(), 0) << logger.err();
+    auto frames = logtest::read_frames(path);
+    ASSERT_EQ(frames.size(), 192u);
+    check_with_python(kind, path, frames);
+  }
 }
