@@ -151,6 +151,7 @@ int logging_or_replay(int count, char** words) {
     }
   }
   std::vector<char*> forward;
+  forward.reserve(texts.size() + 1);
   for (auto& t : texts) forward.push_back(t.data());
   forward.push_back(nullptr);
   int rc = forward_to_daemon((int)texts.size(), forward.data());
