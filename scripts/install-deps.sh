@@ -3,7 +3,8 @@
 # already present so that a warm machine pays nothing.
 set -eu
 PKGS="cmake ninja-build g++ make pkg-config git libgtest-dev libgmock-dev libbenchmark-dev \
-libyaml-dev zlib1g-dev libssl-dev python3 python3-can python3-canmatrix clang iproute2 util-linux"
+libyaml-dev zlib1g-dev libssl-dev python3 python3-can python3-canmatrix clang libclang-rt-14-dev clang-tidy cppcheck \
+iproute2 util-linux"
 missing=""
 for p in $PKGS; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

@@ -23,7 +23,7 @@ struct Identity {
 };
 
 Identity identity_of(const VXChannelInfo* e) {
-  Identity id;
+  Identity id{};
   vxcli_render_serial(e->serial, id.serial, sizeof id.serial);
   vxcli_render_unique_id(e->unique_id, id.uid, sizeof id.uid);
   return id;
@@ -120,6 +120,7 @@ int vxcli_channel_enumerate(int, char**) {
 int vxcli_channel_info_command(int count, char** words) {
   const char* spec_text = nullptr;
   for (int i = 0; i < count && !spec_text; i++) {
+    // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): argv entries are never null
     if (strncmp(words[i], "--channel=", 10) == 0) spec_text = words[i] + 10;
     else if (strcmp(words[i], "--channel") == 0 && i + 1 < count) spec_text = words[i + 1];
   }

@@ -115,6 +115,8 @@ int vxcli_parse_channel_spec(const char* text, vxcli_channel_spec* spec) {
   if (!slash) {
     size_t n = strlen(text);
     if (all_digits(text, n)) {
+      // Longer numbers would wrap around and select some other channel.
+      if (n > 6) return -1;
       spec->kind = VXCLI_SPEC_INDEX_OR_NAME;
       spec->index = atoi(text);
       return 0;

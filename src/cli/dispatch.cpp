@@ -26,7 +26,7 @@
 
 namespace {
 
-bool is(const char* word, const char* text) { return word && strcmp(word, text) == 0; }
+bool is(const char* word, const char* text) { return word && text && strcmp(word, text) == 0; }
 
 bool one_of(const char* word, std::initializer_list<const char*> options) {
   for (const char* o : options)
@@ -151,6 +151,7 @@ int logging_or_replay(int count, char** words) {
     }
   }
   std::vector<char*> forward;
+  forward.reserve(texts.size() + 1);
   for (auto& t : texts) forward.push_back(t.data());
   forward.push_back(nullptr);
   int rc = forward_to_daemon((int)texts.size(), forward.data());

@@ -1,5 +1,6 @@
 // Entry: global options, help and validation, the hardware-free commands,
 // device library start-up and dispatch.
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -9,5 +10,8 @@
 #include "cli/output.h"
 
 int main(int argc, char** argv) {
+  // A file-size limit must turn into a failed write we can report, not a
+  // silent kill in the middle of rewriting a file.
+  signal(SIGXFSZ, SIG_IGN);
   return vxcli_main(argc, argv);
 }

@@ -32,8 +32,10 @@ std::string reply_reason(const std::string& reply) {
       std::string out(reply.size() + 1, '\0');
       if (message > 0 &&
           vxcli_json_string(reply.c_str(), &tokens[message], &out[0], out.size()) == 0 &&
-          out[0] != 0)
-        return out.c_str();
+          out[0] != 0) {
+        out.resize(strlen(out.c_str()));
+        return out;
+      }
     }
   }
   std::string text = reply;

@@ -220,18 +220,29 @@ int vxcli_database_registry_write(const std::vector<DatabaseResource>& resources
   const char* data = vxcli_json_writer_data(&writer);
   size_t length = vxcli_json_writer_length(&writer);
   bool ok = true;
+  int failure = 0;
   for (size_t done = 0; done < length && ok;) {
     ssize_t n = write(fd, data + done, length - done);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) ok = false;
-    else done += size_t(n);
+    if (n <= 0) {
+      ok = false;
+      failure = n < 0 ? errno : ENOSPC;
+    } else {
+      done += size_t(n);
+    }
   }
   vxcli_json_writer_free(&writer);
-  if (ok && fsync(fd) != 0) ok = false;
-  if (close(fd) != 0) ok = false;
+  if (ok && fsync(fd) != 0) {
+    ok = false;
+    failure = errno;
+  }
+  if (close(fd) != 0 && ok) {
+    ok = false;
+    failure = errno;
+  }
   if (!ok) {
     unlink(temporary);
-    set_error(error, error_size, "cannot flush database registry");
+    set_error(error, error_size, "cannot write database registry: %s", strerror(failure));
     return -1;
   }
   if (rename(temporary, path) != 0) {

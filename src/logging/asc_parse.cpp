@@ -143,8 +143,9 @@ int parse_lin(const char* line, vxcli_log_frame* r) {
   size_t dir_len = (size_t)(p - dir);
   bool tx;
   if (dir_len == 2 && strncmp(dir, "Rx", 2) == 0) tx = false;
-  else if (dir_len == 2 && strncmp(dir, "Tx", 2) == 0) tx = true;
-  else if (dir_len == 4 && strncmp(dir, "TxRq", 4) == 0) tx = true;
+  else if ((dir_len == 2 && strncmp(dir, "Tx", 2) == 0) ||
+           (dir_len == 4 && strncmp(dir, "TxRq", 4) == 0))
+    tx = true;
   else return 0;
   long dlc;
   if (!parse_int(p, &dlc) || dlc < 0 || dlc > 8) return 0;
@@ -303,8 +304,10 @@ int parse_fd(const char* line, const char* marker, vxcli_log_frame* r) {
   r->extended = extended;
   r->tx = tx;
   r->fd = fd;
-  r->brs = brs != 0;
-  r->esi = esi != 0;
+  // Bit-rate switch and error state exist only in FD frames; a classic frame
+  // keeping them would be written back as something else.
+  r->brs = fd && brs != 0;
+  r->esi = fd && esi != 0;
   r->remote = remote;
   r->dlc = dlc;
   r->length = remote ? 0 : count;

@@ -1,6 +1,7 @@
 #include "logging/blf_writer.h"
 
 #include <time.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -45,15 +46,28 @@ void write_header(BLFWriter* w) {
   for (int i = 0; i < 8; i++) wr16(header + 40 + 2 * i, times[i]);
   vxcli_blf_calendar_time(w->last_ns, times);
   for (int i = 0; i < 8; i++) wr16(header + 56 + 2 * i, times[i]);
-  f_write_at(&w->file, 0, header, sizeof header);
+  if (f_write_at(&w->file, 0, header, sizeof header) != FR_OK) w->failed = 1;
 }
 
 // Writes the collected containers and then the header that names them.
-// Short writes are not surfaced after creation.
 void write_batch(BLFWriter* w) {
+  if (w->failed) {
+    w->batch_used = 0;
+    return;
+  }
   if (w->batch_used) {
+    const FSIZE_t before = w->file.pos;
     UINT written = 0;
-    f_write(&w->file, w->batch, w->batch_used, &written);
+    FRESULT result = f_write(&w->file, w->batch, w->batch_used, &written);
+    if (result != FR_OK || written != w->batch_used) {
+      // Cut the partial batch off: the file ends on its last whole container
+      // again, and the header, left as it is, still describes it.
+      w->failed = 1;
+      w->batch_used = 0;
+      if (ftruncate(fileno(w->file.fp), (off_t)before) == 0 && f_lseek(&w->file, before) == FR_OK)
+        w->file.fsize = before;
+      return;
+    }
     w->batch_used = 0;
   }
   write_header(w);
@@ -297,6 +311,8 @@ void on_ethernetex_frame_received(BLFWriter* w, uint64_t ts_ns, const uint8_t* f
   if (frame && length) memcpy(p + 32, frame, length);
 }
 
+bool blf_writer_failed(const BLFWriter* w) { return w && w->failed; }
+
 uint64_t blf_writer_current_file_size(BLFWriter* w) {
   if (!w || !w->file.fp) return 0;
   uint64_t position = logical_position(w);
@@ -328,7 +344,7 @@ vxcli_blf_handle* vxcli_blf_open(const char* path, uint64_t start_ns) {
 }
 
 int vxcli_blf_write_frame(vxcli_blf_handle* handle, uint64_t ts_ns, const vxcli_log_frame* f) {
-  if (!handle || !handle->writer || !f || f->channel < 1) return -1;
+  if (!handle || !handle->writer || !f || f->channel < 1 || handle->writer->failed) return -1;
   int index = f->channel - 1;
   if (f->is_lin) {
     on_lin_message_received_ex(handle->writer, ts_ns, (uint8_t)f->id, f->data,
@@ -344,9 +360,15 @@ int vxcli_blf_write_frame(vxcli_blf_handle* handle, uint64_t ts_ns, const vxcli_
 
 int vxcli_blf_close(vxcli_blf_handle* handle) {
   if (!handle) return -1;
-  destroy_blf_writer(handle->writer);
+  BLFWriter* w = handle->writer;
+  if (w && w->file.fp) {
+    flush(w);
+    write_batch(w);
+  }
+  int rc = blf_writer_failed(w) ? -1 : 0;
+  destroy_blf_writer(w);
   free(handle);
-  return 0;
+  return rc;
 }
 
 BLFWriter* vxcli_blf_writer(vxcli_blf_handle* handle) { return handle ? handle->writer : nullptr; }

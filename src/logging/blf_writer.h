@@ -28,6 +28,7 @@ struct BLFWriter {
   uint32_t batches_written;
   uint64_t batch_since_ns;  // monotonic time of the last batch write
   uint32_t open_objects;    // of object_count, those still in buffer
+  int32_t failed;           // a write failed; nothing more is written
 };
 
 BLFWriter* create_blf_writer(const char* path, int32_t channel_selector, uint64_t start_ns);
@@ -56,6 +57,10 @@ void on_lin_message_received(BLFWriter* writer, uint64_t ts_ns, uint8_t id, cons
 void on_ethernetex_frame_received(BLFWriter* writer, uint64_t ts_ns, const uint8_t* frame,
                                   uint16_t length, uint16_t direction);
 
+// True once a write failed (disk full, file-size limit). The file then ends
+// on its last whole container and the writer accepts nothing more.
+bool blf_writer_failed(const BLFWriter* writer);
+
 // Size the file would have if closed now; 0 for a null or closed writer.
 uint64_t blf_writer_current_file_size(BLFWriter* writer);
 // Size after one more object of payload_len payload bytes.
@@ -70,8 +75,8 @@ struct vxcli_blf_handle;
 vxcli_blf_handle* vxcli_blf_open(const char* path, uint64_t start_ns);
 // Writes one frame with an absolute timestamp; the frame's channel (1-based)
 // is the logical channel. LIN frames also record their checksum model.
-// 1 written, 0 not a loggable frame, -1 bad arguments.
+// 1 written, 0 not a loggable frame, -1 bad arguments or a failed write.
 int vxcli_blf_write_frame(vxcli_blf_handle* handle, uint64_t ts_ns, const vxcli_log_frame* frame);
-// 0, or -1 for null.
+// 0, or -1 for null or when any write failed.
 int vxcli_blf_close(vxcli_blf_handle* handle);
 BLFWriter* vxcli_blf_writer(vxcli_blf_handle* handle);

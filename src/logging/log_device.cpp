@@ -62,7 +62,7 @@ uint64_t vxcli_message_time_ns(VXHandle channel_handle, const VXMessage* message
 int vxcli_blf_write(vxcli_blf_handle* handle, VXHandle channel_handle, const VXMessage* message,
                     int channel_number, int lin_checksum_model, int) {
   BLFWriter* w = vxcli_blf_writer(handle);
-  if (!w || !message || channel_number < 1) return -1;
+  if (!w || !message || channel_number < 1 || blf_writer_failed(w)) return -1;
   vxcli_log_frame f;
   if (!vxcli_log_frame_from_message(message, channel_number, &f)) return 0;
   uint64_t ns = vxcli_message_time_ns(channel_handle, message);

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <cmath>
 #include <cstring>
 
 #include "logging/asc.h"
@@ -48,7 +49,7 @@ int next_asc(vxcli_replay_input* in, vxcli_replay_record* record) {
       // Each stamp counts from the previous line; replay needs them absolute.
       in->previous_time += record->time;
       record->time = in->previous_time;
-      record->time_ns = record->time > 0 ? (uint64_t)(record->time * 1e9 + 0.5) : 0;
+      record->time_ns = record->time > 0 ? (uint64_t)llround(record->time * 1e9) : 0;
     }
     if (rc == 2 && !in->include_errors) continue;
     return 1;

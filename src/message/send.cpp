@@ -105,7 +105,7 @@ int encode_from_dbc(const SendOptions& o, long id_number, CanFrame* frame) {
   int length = 0;
   uint32_t id = 0, flags = 0;
   // A numeric message selects by identifier; the text was already parsed (and noted) once.
-  char selector[24];
+  char selector[24] = "";
   if (id_number >= 0) snprintf(selector, sizeof selector, "0x%lX", id_number);
   if (vxcli_message_dbc_encode(id_number >= 0 ? selector : o.message, o.database, n, names, values,
                                frame->data, &length, &id,

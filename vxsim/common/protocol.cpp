@@ -218,7 +218,7 @@ VXStatus call_service(int sock, MsgHeader& h, const void* payload, size_t size, 
   if (size > kMaxPayload) return VX_ERR_INVALID_PARAM_VALUE;
   if (send_message(sock, h, payload, nullptr, 0) != 0) return VX_ERR_NO_DRIVER;
   int got = 0;
-  int dummy[4];
+  int dummy[4] = {};
   MsgHeader answer;
   if (recv_message(sock, answer, reply, fds ? fds : dummy, fds ? max_fds : 0, got) != 0)
     return VX_ERR_NO_DRIVER;
