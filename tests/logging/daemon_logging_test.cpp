@@ -240,3 +240,42 @@ TEST(DaemonLogging, SurvivesRestartAndKilledDaemonLeavesReadableBlf) {
     EXPECT_EQ(fr.data[7], 0x08);
   }
 }
+
+TEST(DaemonLogging, UnpluggedDeviceKeepsTheFileValidAndLoggingResumes) {
+  DaemonBox d;
+  d.open("10356/0");
+  d.open("10357/0");
+  std::string path = d.box.path("unplug.blf");
+  ASSERT_EQ(d.run({"logging", "start", "--channel=1", "--output=" + path, "--format=blf"}).rc, 0);
+  auto send = [&](const char* id, int count) {
+    auto r = d.run({"message", "send", "--channel=0", std::string("--id=") + id, "--data=11",
+                    "--count=" + std::to_string(count)});
+    ASSERT_EQ(r.rc, 0) << r.out;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  };
+  send("0x101", 20);
+  // The logged device goes away: the daemon reports the slot, the file keeps
+  // what was logged; when the device returns the logger picks it up again.
+  ASSERT_EQ(d.box.run_program("vxsim", {"unplug", "10357"}).rc, 0);
+  d.run({"daemon", "status"});
+  EXPECT_NE(d.run({"daemon", "status"}).out.find("slot 1, owner=none, phase=disconnected"), std::string::npos);
+  ASSERT_EQ(d.box.run_program("vxsim", {"replug", "10357"}).rc, 0);
+  d.run({"daemon", "status"});
+  EXPECT_NE(d.run({"daemon", "status"}).out.find("slot 1, owner=none, phase=active"), std::string::npos);
+  for (int i = 0; i < 50 && daemon_log(d).find("logging resumed on slot 1") == std::string::npos; i++)
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  send("0x102", 20);
+  ASSERT_EQ(d.run({"logging", "stop"}).rc, 0);
+
+  auto frames = read_frames(path);
+  int before = 0, after = 0;
+  for (const auto& f : frames) {
+    before += f.id == 0x101;
+    after += f.id == 0x102;
+  }
+  EXPECT_EQ(before, 20);
+  EXPECT_EQ(after, 20);
+  Bytes f = read(path);
+  EXPECT_EQ(get(f, 16, 8), f.size());
+  EXPECT_EQ(get(f, 32, 4), frames.size());
+}

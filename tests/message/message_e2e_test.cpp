@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 
 #include "json/json.h"
 #include "e2e_util.h"
@@ -232,3 +233,19 @@ TEST(MessageE2E, RecvRefusals) {
 }
 
 }  // namespace
+
+TEST(MessageE2E, DeviceUnpluggedDuringACaptureKeepsWhatArrived) {
+  vxtest::Sandbox box;
+  auto recv = start_recv(box, {"--channel=10357/0", "--duration=3", "--format=jsonl"});
+  ASSERT_EQ(box.vxcli({"message", "send", "--channel=10356/0", "--id=0x5", "--data=01"}).rc, 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  ASSERT_EQ(box.run_program("vxsim", {"unplug", "10357"}).rc, 0);
+  auto start = Clock::now();
+  auto got = recv->finish();
+  // The capture neither hangs nor crashes: it ends with its duration and the
+  // frame that arrived before the device went away.
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(15));
+  EXPECT_EQ(got.rc, 0) << got.err;
+  EXPECT_EQ(got.out.find("{\"status\":\"ok\",\"channel\":0,\"direction\":\"RX\",\"id\":\"0x5\""), 0u) << got.out;
+  EXPECT_EQ(lines(got.out).size(), 1u);
+}
