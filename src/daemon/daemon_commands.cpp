@@ -426,7 +426,7 @@ bool all_digits(const char* text) {
 
 }  // namespace
 
-// A slot number or a serial/port specification naming an open slot; -1 otherwise.
+// A slot number or a serial/port selector naming an open slot; -1 otherwise.
 int daemon_resolve_ch(const char* text) {
   if (all_digits(text)) {
     int index = atoi(text);

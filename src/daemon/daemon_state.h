@@ -66,7 +66,7 @@ void daemon_slot_identity(const Slot& s, char* out, size_t size);
 bool daemon_same_physical(const VXChannelInfo& a, const VXChannelInfo& b);
 int daemon_open_count();
 
-// A slot number or a serial/port specification naming an open slot; -1 otherwise.
+// A slot number or a serial/port selector naming an open slot; -1 otherwise.
 int daemon_resolve_ch(const char* text);
 // Slots a command addresses: the one of --channel=, else every open slot.
 // Returns the count, or -1 with the error answer in *error.
