@@ -44,6 +44,11 @@ void vxcli_print_device_info(const VXChannelInfo* entry, uint32_t format);
 
 // Enumerates at most 32 channels; returns the device library status.
 uint32_t vxcli_enumerate(VXChannelInfo* infos, int* count);
+// Parses a command's channel list and enumerates the channels (infos holds 32),
+// the start every multi-channel command shares; the number of specs, or -1
+// once the error is printed.
+int vxcli_channel_list_enumerate(const char* text, vxcli_channel_spec* specs, int max, VXChannelInfo* infos,
+                                 int* count);
 
 int vxcli_channel_enumerate(int count, char** words);
 int vxcli_channel_info_command(int count, char** words);

@@ -54,6 +54,20 @@ uint32_t vxcli_enumerate(VXChannelInfo* infos, int* count) {
   return status;
 }
 
+int vxcli_channel_list_enumerate(const char* text, vxcli_channel_spec* specs, int max, VXChannelInfo* infos,
+                                 int* count) {
+  int wanted = vxcli_parse_channel_list_ex(text, specs, max);
+  if (wanted <= 0) {
+    vxcli_print_error("Invalid channel specification: %s", text);
+    return -1;
+  }
+  if (vxcli_enumerate(infos, count) != VX_OK) {
+    vxcli_print_error("VX_Enumerate failed");
+    return -1;
+  }
+  return wanted;
+}
+
 void vxcli_print_device_info(const VXChannelInfo* e, uint32_t format) {
   Identity id = identity_of(e);
   char name[80];

@@ -37,16 +37,9 @@ uint64_t clock_ns(clockid_t clock) {
 // so only generation-2.5 devices get as far as opening the channel.
 int hardware_logging(const char* channel_text, const char* bitrate_text, bool stop) {
   vxcli_channel_spec spec;
-  if (vxcli_parse_channel_list_ex(channel_text, &spec, 1) <= 0) {
-    vxcli_print_error("Invalid channel specification: %s", channel_text);
-    return 1;
-  }
   VXChannelInfo infos[32];
   int count = 0;
-  if (vxcli_enumerate(infos, &count) != VX_OK) {
-    vxcli_print_error("VX_Enumerate failed");
-    return 1;
-  }
+  if (vxcli_channel_list_enumerate(channel_text, &spec, 1, infos, &count) < 0) return 1;
   const VXChannelInfo* entry = vxcli_resolve_channel(infos, count, &spec);
   if (!entry) {
     vxcli_print_error("No matching channels found for: %s", channel_text);
@@ -147,17 +140,10 @@ int vxcli_logging_start_command(int count, char** words) {
     }
   }
   vxcli_channel_spec specs[kMaxLogChannels];
-  int wanted = vxcli_parse_channel_list_ex(channel_text, specs, kMaxLogChannels);
-  if (wanted <= 0) {
-    vxcli_print_error("Invalid channel specification: %s", channel_text);
-    return 1;
-  }
   VXChannelInfo infos[32];
   int enumerated = 0;
-  if (vxcli_enumerate(infos, &enumerated) != VX_OK) {
-    vxcli_print_error("VX_Enumerate failed");
-    return 1;
-  }
+  int wanted = vxcli_channel_list_enumerate(channel_text, specs, kMaxLogChannels, infos, &enumerated);
+  if (wanted < 0) return 1;
   // Taken before the channels open, so that no frame predates the file.
   uint64_t start_ns = clock_ns(CLOCK_REALTIME);
   vxcli_log_channel channels[kMaxLogChannels];

@@ -67,17 +67,11 @@ int vxcli_replay_file(int count, char** words) {
   vxcli_bitrate bitrate;
   do {
     vxcli_channel_spec specs[VXCLI_REPLAY_MAX_CHANNELS];
-    int wanted = vxcli_parse_channel_list_ex(options.channel, specs, VXCLI_REPLAY_MAX_CHANNELS);
-    if (wanted <= 0) {
-      vxcli_print_error("Invalid channel specification: %s", options.channel);
-      break;
-    }
     VXChannelInfo infos[32];
     int enumerated = 0;
-    if (vxcli_enumerate(infos, &enumerated) != VX_OK) {
-      vxcli_print_error("VX_Enumerate failed");
-      break;
-    }
+    int wanted =
+        vxcli_channel_list_enumerate(options.channel, specs, VXCLI_REPLAY_MAX_CHANNELS, infos, &enumerated);
+    if (wanted < 0) break;
     if (vxcli_parse_bitrate_pair(options.bitrate, &bitrate) != 0) {
       vxcli_print_error("invalid --bitrate; use forms such as 500/2000, 500K/2M, or 500000/2000000");
       break;

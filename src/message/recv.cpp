@@ -367,17 +367,10 @@ int vxcli_message_recv_command(int count, char** words) {
   }
 
   vxcli_channel_spec specs[kMaxChannels];
-  int n = vxcli_parse_channel_list_ex(o.channel, specs, kMaxChannels);
-  if (n <= 0) {
-    vxcli_print_error("Invalid channel specification: %s", o.channel);
-    return 1;
-  }
   VXChannelInfo infos[32];
   int enumerated = 0;
-  if (vxcli_enumerate(infos, &enumerated) != VX_OK) {
-    vxcli_print_error("VX_Enumerate failed");
-    return 1;
-  }
+  int n = vxcli_channel_list_enumerate(o.channel, specs, kMaxChannels, infos, &enumerated);
+  if (n < 0) return 1;
   const VXChannelInfo* entries[kMaxChannels];
   bool has_can = false, has_lin = false;
   for (int i = 0; i < n; i++) {
